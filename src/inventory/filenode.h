@@ -1,0 +1,43 @@
+#pragma once
+// File and directory records held by the ordered trees.
+//
+// FileNode and DirNode are plain records made zero-filled by InitBintreeNode
+// and freed with tfree (by DestroyBintree for linked records, by the owner for
+// head records). Their text fields are safe strings (support/strings.h).
+
+#include <cstdint>
+
+#include "support/bintree.h"
+
+// The record's detail area. In the inventory record layout this is an 8 KiB
+// text area that is zero when the record is made and that no operation reads
+// or writes afterwards; it is kept as a member of no size, so that a tree of a
+// million records does not pay 8 GiB for it.
+struct FileNodeDetail {};
+
+struct FileNode {
+  BintreeNode* greater;  // tree links (see support/bintree.h)
+  BintreeNode* lesser;
+  char* path;     // tree key: dir + "/" + name, forward slashes
+  char* dir;      // module root directory (the same for every record)
+  char* name;     // path relative to the module root
+  char* version;  // SCM version, empty when none
+  char* digest;   // 32 lowercase hex characters, empty when not examined
+  int64_t mtime;  // seconds since the epoch, 0 when unknown
+  int64_t size;   // bytes, 0 when unknown
+  [[no_unique_address]] FileNodeDetail detail;
+};
+
+struct DirNode {
+  BintreeNode* greater;
+  BintreeNode* lesser;
+  char* key;  // directory path
+};
+
+// A new record: path = key (or empty for null), the other texts empty,
+// numbers 0. Free with FreeFileNode then tfree.
+FileNode* NewFileNode(const char* key);
+// Release the five texts and zero the record (not its block). Null ignored.
+void FreeFileNode(void* record);
+// Release a DirNode's key and zero it (not its block). Null ignored.
+void FreeBNode(void* record);

@@ -1,0 +1,3 @@
+#include "net/upload.h"
+// TODO(net): stub
+void UploadFile(const char*) {}

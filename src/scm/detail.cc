@@ -1,0 +1,3 @@
+#include "scm/detail.h"
+// TODO(scm): stub
+void GetDetail(uint32_t, FILE*, FileNode*, FileNode*) {}

@@ -1,0 +1,3 @@
+#include "scm/perfile.h"
+// TODO(scm): stub
+int LoadVersionInfo(void*, uint32_t, void*) { return 0; }

@@ -1,0 +1,90 @@
+#pragma once
+// Owning handles for POSIX resources. Each releases what it holds on
+// destruction; files we write should still be closed explicitly (Close())
+// so that late write errors are seen.
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+struct FileCloser {
+  void operator()(FILE* f) const noexcept { std::fclose(f); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+struct DirCloser {
+  void operator()(DIR* d) const noexcept { closedir(d); }
+};
+using UniqueDir = std::unique_ptr<DIR, DirCloser>;
+
+// Move-only descriptor; closes on destruction.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
+  UniqueFd(UniqueFd&& o) noexcept : fd_(o.Release()) {}
+  UniqueFd& operator=(UniqueFd&& o) noexcept {
+    if (this != &o) Reset(o.Release());
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { Reset(); }
+  int get() const { return fd_; }
+  int Release() { return std::exchange(fd_, -1); }
+  void Reset(int fd = -1) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_;
+};
+
+// A popen'ed pipe. Close() returns pclose's status; the destructor is only
+// the safety net.
+class UniquePipe {
+ public:
+  UniquePipe() = default;
+  explicit UniquePipe(FILE* f) : f_(f) {}
+  UniquePipe(UniquePipe&& o) noexcept : f_(std::exchange(o.f_, nullptr)) {}
+  UniquePipe& operator=(UniquePipe&& o) noexcept {
+    if (this != &o) {
+      Close();
+      f_ = std::exchange(o.f_, nullptr);
+    }
+    return *this;
+  }
+  UniquePipe(const UniquePipe&) = delete;
+  UniquePipe& operator=(const UniquePipe&) = delete;
+  ~UniquePipe() { Close(); }
+  FILE* get() const { return f_; }
+  explicit operator bool() const { return f_ != nullptr; }
+  int Close() {
+    if (!f_) return -1;
+    int status = pclose(f_);
+    f_ = nullptr;
+    return status;
+  }
+
+ private:
+  FILE* f_ = nullptr;
+};
+
+// Changes the current directory and restores the one it found on
+// destruction. ok() tells whether the change succeeded.
+class ScopedChdir {
+ public:
+  explicit ScopedChdir(const std::string& dir);
+  ~ScopedChdir();
+  ScopedChdir(const ScopedChdir&) = delete;
+  ScopedChdir& operator=(const ScopedChdir&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  std::string saved_;
+  bool ok_ = false;
+};
