@@ -101,12 +101,12 @@ TEST_F(DriverRun, ServerFromTheHomePropertyFile) {
                       std::string("WEFTLANE_SERVER=") + value + "\n");
     auto r = Run(JobArgs(), std::nullopt);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(Numbered(1, "diff.data"),
-                                                     Numbered(1, "bom.data")),
-                          0),
+    EXPECT_EQ(r.out.rfind(
+                  std::string(kEcho) + Frame(Numbered(1, "diff.data"), Numbered(1, "bom.data")), 0),
               0u)
         << r.out;
-    for (const std::string& name : wltest::ListDir(start_)) unlink((start_ + "/" + name).c_str());
+    for (const std::string& name : wltest::ListDir(start_))
+      unlink((start_ + "/" + name).c_str());
   }
 }
 
@@ -195,21 +195,24 @@ TEST_F(DriverRun, CompleteRunKeepsOnlyTheNumberedFiles) {
   EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(report, inventory), 0), 0u) << r.out;
   // The stages' lines in their order, the uploads last.
   size_t pos = 0;
-  for (const std::string& line :
-       {std::string("Determining Deleted Files\n"), std::string("Determining Added and Changed Files\n"),
-        std::string("Saving Comparison data\n"),
-        "Uploading Report Data " + std::string(kBase) + "-bom.data\n",
-        "Uploading Report Data " + std::string(kBase) + "-diff.data\n", std::string("Complete\n")}) {
+  for (const std::string& line : {std::string("Determining Deleted Files\n"),
+                                  std::string("Determining Added and Changed Files\n"),
+                                  std::string("Saving Comparison data\n"),
+                                  "Uploading Report Data " + std::string(kBase) + "-bom.data\n",
+                                  "Uploading Report Data " + std::string(kBase) + "-diff.data\n",
+                                  std::string("Complete\n")}) {
     size_t at = r.out.find(line, pos);
     EXPECT_NE(at, std::string::npos) << line << " in\n" << r.out;
-    if (at != std::string::npos) pos = at + line.size();
+    if (at != std::string::npos)
+      pos = at + line.size();
   }
   EXPECT_EQ(r.out.substr(r.out.size() - 9), "Complete\n");
   EXPECT_EQ(wltest::ListDir(start_), (std::vector<std::string>{inventory, report}));
 
   auto report_text = wltest::ReadFile(start_ + "/" + report).value_or("?");
-  EXPECT_EQ(report_text.rfind("SCMType=NONE\nMachineName=My Computer\nBuildLabel=\nBuildNumber=\n", 0),
-            0u)
+  EXPECT_EQ(
+      report_text.rfind("SCMType=NONE\nMachineName=My Computer\nBuildLabel=\nBuildNumber=\n", 0),
+      0u)
       << report_text;
   auto inventory_text = wltest::ReadFile(start_ + "/" + inventory).value_or("?");
   EXPECT_EQ(inventory_text.rfind("SCMType=NONE\nModuleRootDir=" + start_ +
@@ -224,15 +227,15 @@ TEST_F(DriverRun, NumberingOfTheTwoFilesIsIndependent) {
   wltest::WriteFile(start_ + "/" + Numbered(2, "diff.data"), "old\n");
   auto r = Run(JobArgs());
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(Numbered(3, "diff.data"), Numbered(1, "bom.data")),
-                        0),
-            0u)
+  EXPECT_EQ(
+      r.out.rfind(std::string(kEcho) + Frame(Numbered(3, "diff.data"), Numbered(1, "bom.data")), 0),
+      0u)
       << r.out;
   // A second run numbers past the first run's files.
   r = Run(JobArgs());
-  EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(Numbered(4, "diff.data"), Numbered(2, "bom.data")),
-                        0),
-            0u)
+  EXPECT_EQ(
+      r.out.rfind(std::string(kEcho) + Frame(Numbered(4, "diff.data"), Numbered(2, "bom.data")), 0),
+      0u)
       << r.out;
 }
 
@@ -277,7 +280,8 @@ TEST_F(DriverRun, MissingBuildDirectoryScansTheStartDirectory) {
             0u)
       << r.out;
   auto inventory_text = wltest::ReadFile(start_ + "/" + Numbered(1, "bom.data")).value_or("?");
-  EXPECT_NE(inventory_text.find("ModuleRootDir=" + start_ + "\n"), std::string::npos) << inventory_text;
+  EXPECT_NE(inventory_text.find("ModuleRootDir=" + start_ + "\n"), std::string::npos)
+      << inventory_text;
 }
 
 TEST_F(DriverRun, BuildDirectoryLineAlwaysShowsTheDot) {
