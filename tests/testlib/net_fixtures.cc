@@ -4,7 +4,10 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace wltest {
@@ -292,6 +296,97 @@ RefusingPort::RefusingPort() {
 RefusingPort::~RefusingPort() {
   if (fd_ >= 0)
     close(fd_);
+}
+
+BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv,
+                                     const std::string& out_file, const std::string& err_file) {
+  std::vector<std::string> copy = argv;
+  std::vector<char*> args;
+  for (auto& a : copy)
+    args.push_back(a.data());
+  args.push_back(nullptr);
+  std::fflush(nullptr);
+  pid_ = fork();
+  if (pid_ < 0)
+    throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    int in = open("/dev/null", O_RDONLY);
+    int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (in < 0 || out < 0 || err < 0)
+      _exit(126);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+}
+
+BackgroundProcess::~BackgroundProcess() {
+  if (pid_ > 0 && status_ < 0) {
+    kill(pid_, SIGKILL);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+}
+
+std::string BackgroundProcess::WaitForLineFile(const std::string& path, int timeout_ms) {
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    std::ifstream f(path);
+    std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    if (!text.empty() && text.back() == '\n')
+      return text;
+    if (status_ >= 0 || MillisLeft(deadline) == 0)
+      return "";
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    poll(nullptr, 0, 20);
+  }
+}
+
+int BackgroundProcess::Wait(int timeout_ms) {
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (status_ < 0) {
+    int status = 0;
+    pid_t r = waitpid(pid_, &status, WNOHANG);
+    if (r == pid_) {
+      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      break;
+    }
+    if (r < 0 && errno != EINTR)
+      break;
+    if (MillisLeft(deadline) == 0) {
+      kill(pid_, SIGKILL);
+      while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+      }
+      status_ = 128 + SIGKILL;
+      return -1;
+    }
+    poll(nullptr, 0, 20);
+  }
+  return status_;
+}
+
+bool OnPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path ? path : "/usr/bin:/bin";
+  size_t pos = 0;
+  while (pos <= dirs.size()) {
+    size_t end = dirs.find(':', pos);
+    if (end == std::string::npos)
+      end = dirs.size();
+    std::string dir = dirs.substr(pos, end - pos);
+    if (dir.empty())
+      dir = ".";
+    if (access((dir + "/" + program).c_str(), X_OK) == 0)
+      return true;
+    pos = end + 1;
+  }
+  return false;
 }
 
 bool ResetPeakRss() {

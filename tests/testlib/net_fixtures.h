@@ -111,6 +111,33 @@ class RefusingPort {
   uint16_t port_ = 0;
 };
 
+// A program started in the background for a test (a receiver or a server
+// written in another language). Its standard output and error go to files;
+// it is killed on destruction if still running.
+class BackgroundProcess {
+ public:
+  // argv[0] is searched on PATH. Output goes to out_file and err_file.
+  BackgroundProcess(const std::vector<std::string>& argv, const std::string& out_file,
+                    const std::string& err_file);
+  ~BackgroundProcess();
+  BackgroundProcess(const BackgroundProcess&) = delete;
+  BackgroundProcess& operator=(const BackgroundProcess&) = delete;
+
+  // Wait until `path` exists and holds a line ending in "\n"; its text, or
+  // "" when the time ran out or the process ended first.
+  std::string WaitForLineFile(const std::string& path, int timeout_ms = 20000);
+  // Wait for the exit: the exit status, 128 + signal, or -1 when it still
+  // runs after timeout_ms (it is then killed).
+  int Wait(int timeout_ms = 30000);
+
+ private:
+  int pid_ = -1;
+  int status_ = -1;
+};
+
+// True when `program` is found on PATH.
+bool OnPath(const std::string& program);
+
 // Peak resident memory (kB) of this process since the last ResetPeakRss, or
 // -1 when the kernel does not let us read or reset it.
 bool ResetPeakRss();
