@@ -112,6 +112,39 @@ bool ServerConn::ReadUntil(const std::function<bool(const std::string&)>& pred, 
 
 bool ServerConn::ReadRequest(int timeout_ms) { return ReadUntil(HttpRequestComplete, timeout_ms); }
 
+long long ServerConn::ReadRequestDroppingBody(int timeout_ms) {
+  if (!ReadUntil([](const std::string& d) { return HeaderEnd(d) != std::string::npos; },
+                 timeout_ms)) {
+    return -1;
+  }
+  size_t end = HeaderEnd(data_);
+  const size_t wanted = ContentLength(data_.substr(0, end));
+  size_t got = data_.size() - end;
+  data_.resize(end);
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  std::vector<char> buf(1 << 20);
+  while (got < wanted) {
+    pollfd p{fd_, POLLIN, 0};
+    int left = MillisLeft(deadline);
+    if (left == 0)
+      return -1;
+    int r = poll(&p, 1, left);
+    if (r < 0 && errno == EINTR)
+      continue;
+    if (r <= 0)
+      return -1;
+    ssize_t n = recv(fd_, buf.data(), buf.size(), 0);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN))
+      continue;
+    if (n <= 0) {
+      peer_closed_ = true;
+      return -1;
+    }
+    got += static_cast<size_t>(n);
+  }
+  return static_cast<long long>(got);
+}
+
 bool ServerConn::ReadAtLeast(size_t n, int timeout_ms) {
   return ReadUntil([n](const std::string& d) { return d.size() >= n; }, timeout_ms);
 }

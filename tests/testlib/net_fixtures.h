@@ -32,6 +32,10 @@ class ServerConn {
   bool ReadUntil(const std::function<bool(const std::string&)>& pred, int timeout_ms = 10000);
   // ReadUntil(HttpRequestComplete).
   bool ReadRequest(int timeout_ms = 10000);
+  // Read a whole request but keep only its header block in data(); the
+  // body bytes are counted and dropped. The body size, or -1 when the
+  // request did not complete.
+  long long ReadRequestDroppingBody(int timeout_ms = 60000);
   // Read until at least n bytes in all.
   bool ReadAtLeast(size_t n, int timeout_ms = 10000);
   // Keep reading for quiet_ms after the last byte (to collect what a client
