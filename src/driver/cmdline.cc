@@ -52,10 +52,10 @@ struct ScmKeyword {
   uint32_t type;
 };
 constexpr ScmKeyword kScmKeywords[] = {
-    {"CVS", kScmCvs},         {"CVSREP", kScmCvsRep},   {"CLEARCASE", kScmClearCase},
-    {"HARVEST", kScmHarvest}, {"SVN", kScmSvn},         {"VSS", kScmVss},
-    {"PERFORCE", kScmPerforce}, {"SI", kScmSi},         {"MSTF", kScmMstf},
-    {"TEAMPRISE", kScmMstf},  {"ACCUREV", kScmAccurev},
+    {"CVS", kScmCvs},           {"CVSREP", kScmCvsRep},   {"CLEARCASE", kScmClearCase},
+    {"HARVEST", kScmHarvest},   {"SVN", kScmSvn},         {"VSS", kScmVss},
+    {"PERFORCE", kScmPerforce}, {"SI", kScmSi},           {"MSTF", kScmMstf},
+    {"TEAMPRISE", kScmMstf},    {"ACCUREV", kScmAccurev},
 };
 
 // The words to parse, entry 0 being the program name. Append() refuses the
@@ -63,7 +63,8 @@ constexpr ScmKeyword kScmKeywords[] = {
 class WordList {
  public:
   bool Append(std::string word) {
-    if (words_.size() >= kMaxWords) return false;
+    if (words_.size() >= kMaxWords)
+      return false;
     words_.push_back(std::move(word));
     return true;
   }
@@ -91,7 +92,8 @@ bool ReadPiece(FILE* file, std::string& piece, size_t& consumed) {
   int c;
   while (piece.size() < kResponseLineChars && (c = std::getc(file)) != EOF) {
     piece += static_cast<char>(c);
-    if (c == '\n') break;
+    if (c == '\n')
+      break;
   }
   consumed += piece.size();
   return !piece.empty();
@@ -104,7 +106,8 @@ Collect ReadResponseFile(const char* name, WordList& words) {
   // A directory opens for reading on this system but yields no lines; it is
   // refused as a file that cannot be opened.
   struct stat st;
-  if (file && fstat(fileno(file.get()), &st) == 0 && S_ISDIR(st.st_mode)) file.reset();
+  if (file && fstat(fileno(file.get()), &st) == 0 && S_ISDIR(st.st_mode))
+    file.reset();
   if (!file) {
     std::printf(kResponseOpenFormat, name);
     return Collect::kRefused;
@@ -120,7 +123,8 @@ Collect ReadResponseFile(const char* name, WordList& words) {
     constexpr const char* kDelims = "\n\r ";
     for (int n = 1;; ++n) {
       std::string word = GetWord(line.c_str(), kDelims, n, n);
-      if (word.empty()) break;
+      if (word.empty())
+        break;
       // A word that starts a quotation and holds no other quote opens a
       // group running to the first later word with a quote (or the line's
       // end); the group counts as one word.
@@ -128,16 +132,19 @@ Collect ReadResponseFile(const char* name, WordList& words) {
         std::string joined = word + " ";
         for (++n;; ++n) {
           std::string next = GetWord(line.c_str(), kDelims, n, n);
-          if (next.empty()) break;
+          if (next.empty())
+            break;
           joined += next;
           joined += ' ';
-          if (next.find('"') != std::string::npos) break;
+          if (next.find('"') != std::string::npos)
+            break;
         }
         StripChar(joined, "\" ", 2);
         word = joined;
       }
       StripChar(word, "\"", 2);
-      if (!words.Append(std::move(word))) return RefuseTooManyWords();
+      if (!words.Append(std::move(word)))
+        return RefuseTooManyWords();
     }
   }
   return Collect::kOk;
@@ -146,13 +153,16 @@ Collect ReadResponseFile(const char* name, WordList& words) {
 Collect CollectWords(int argc, char** argv, WordList& words) {
   words.Append(argc > 0 && argv[0] ? argv[0] : "");
   if (argc > 1 && argv[1][0] == '@') {
-    if (ReadResponseFile(argv[1] + 1, words) != Collect::kOk) return Collect::kRefused;
+    if (ReadResponseFile(argv[1] + 1, words) != Collect::kOk)
+      return Collect::kRefused;
   }
   for (int i = 1; i < argc; ++i) {
-    if (argv[i][0] == '@') continue;
+    if (argv[i][0] == '@')
+      continue;
     std::string word = argv[i];
     StripChar(word, "\"", 2);
-    if (!words.Append(std::move(word))) return RefuseTooManyWords();
+    if (!words.Append(std::move(word)))
+      return RefuseTooManyWords();
   }
   return Collect::kOk;
 }
@@ -174,7 +184,8 @@ void Echo(const WordList& words) {
     line += ' ';
     // Once a word naming a user or password has gone by, every later value
     // is masked, whatever option it belongs to.
-    if (w.size() > 1 && (w[1] == 'u' || w[1] == 'U' || w[1] == 'p' || w[1] == 'P')) masking = true;
+    if (w.size() > 1 && (w[1] == 'u' || w[1] == 'U' || w[1] == 'p' || w[1] == 'P'))
+      masking = true;
   }
   line += '\n';
   std::fwrite(line.data(), 1, line.size(), stdout);
@@ -200,7 +211,8 @@ bool ParseOptions(const WordList& words) {
     std::string suffix;
     if (!w.empty() && w[0] == '-') {
       letter = w.size() > 1 ? w[1] : '\0';
-      if (w.size() > 2) suffix = w.substr(2);
+      if (w.size() > 2)
+        suffix = w.substr(2);
     }
     std::string value;
     if (i + 1 < words.size() && (words[i + 1].empty() || words[i + 1][0] != '-')) {
@@ -295,7 +307,8 @@ bool ParseOptions(const WordList& words) {
 std::string NormaliseDateTime(const char* text) {
   std::string dt = text;
   for (char& c : dt) {
-    if (c == ':') c = '_';
+    if (c == ':')
+      c = '_';
   }
   if (dt.find('.') != std::string::npos) {
     const char* s = dt.c_str();
@@ -318,7 +331,8 @@ bool DateTimeFormOk(const std::string& dt) {
 bool IsEmpty(const char* s) { return s == nullptr || s[0] == '\0'; }
 
 void DefaultIfUnset(char** setting, const char* value) {
-  if (*setting == nullptr) safe_cpy(setting, value);
+  if (*setting == nullptr)
+    safe_cpy(setting, value);
 }
 
 }  // namespace
@@ -334,13 +348,15 @@ void PrintVersionBanner() {
 }
 
 void PrintUsage() {
-  for (const char* line : kUsageLines) std::puts(line);
+  for (const char* line : kUsageLines)
+    std::puts(line);
   std::puts("");
 }
 
 int ParseParms(int argc, char** argv) {
   WordList words;
-  if (CollectWords(argc, argv, words) != Collect::kOk) return 0;
+  if (CollectWords(argc, argv, words) != Collect::kOk)
+    return 0;
 
   if (words.size() == 2) {
     const char* only = words[1].c_str();
@@ -361,7 +377,8 @@ int ParseParms(int argc, char** argv) {
   }
 
   Echo(words);
-  if (!ParseOptions(words)) return 0;
+  if (!ParseOptions(words))
+    return 0;
 
   if (WorkDir.size() >= 2 && WorkDir[0] == '\\' && WorkDir[1] == '\\') {
     std::printf(kUncFormat, WorkDir.c_str());

@@ -26,10 +26,10 @@ constexpr const char* kSubmitProgram = "wlsubmit";
 bool ReadPropertyLine(FILE* file, std::string& piece) {
   piece.clear();
   int c;
-  while (piece.size() < static_cast<size_t>(kPropertyLineChars) &&
-         (c = std::getc(file)) != EOF) {
+  while (piece.size() < static_cast<size_t>(kPropertyLineChars) && (c = std::getc(file)) != EOF) {
     piece += static_cast<char>(c);
-    if (c == '\n') break;
+    if (c == '\n')
+      break;
   }
   return !piece.empty();
 }
@@ -59,13 +59,15 @@ std::vector<std::string> PathElements(const char* path, const char* separators) 
   std::string cur;
   for (const char* p = path; *p; ++p) {
     if (std::strchr(separators, *p)) {
-      if (!cur.empty()) out.push_back(std::move(cur));
+      if (!cur.empty())
+        out.push_back(std::move(cur));
       cur.clear();
     } else {
       cur += *p;
     }
   }
-  if (!cur.empty()) out.push_back(std::move(cur));
+  if (!cur.empty())
+    out.push_back(std::move(cur));
   return out;
 }
 
@@ -79,11 +81,13 @@ bool CanOpenForReading(const std::string& path) {
 std::string SearchPath(const char* program, const char* separators) {
   // An unset PATH is searched as an empty one: nothing is found there.
   const char* path = std::getenv("PATH");
-  if (!path) return {};
+  if (!path)
+    return {};
   for (const std::string& element : PathElements(path, separators)) {
     std::string candidate = element + "/" + program;
     ReplaceSlash(candidate);
-    if (CanOpenForReading(candidate)) return candidate;
+    if (CanOpenForReading(candidate))
+      return candidate;
   }
   return {};
 }
@@ -100,9 +104,11 @@ const char* GetEnv(const char* name) {
     char* names = LoadConfigEnv();
     safe_free(&names);
   }
-  if (const char* v = NonEmptyEnv(name)) return v;
+  if (const char* v = NonEmptyEnv(name))
+    return v;
   for (int i = 0; i < maxConfigEnv; ++i) {
-    if (configEnvVar[i] && std::strcmp(configEnvVar[i], name) == 0) return configEnvValue[i];
+    if (configEnvVar[i] && std::strcmp(configEnvVar[i], name) == 0)
+      return configEnvValue[i];
   }
   return nullptr;
 }
@@ -130,7 +136,8 @@ char* LoadConfigEnv() {
 
   // Without HOME the path still names the file beside wlsubmit, which is then
   // read again and simply replaces its own entries.
-  if (const char* home = std::getenv("HOME")) path = std::string(home) + kHomePropertyFile;
+  if (const char* home = std::getenv("HOME"))
+    path = std::string(home) + kHomePropertyFile;
 
   char* list = nullptr;
   if (UniqueFile f{path.empty() ? nullptr : std::fopen(path.c_str(), "r")}) {
@@ -170,7 +177,8 @@ void ResetConfigEnv() {
 
 int PgmWithPath(const char* program, char** found_ref, int verbose) {
   const char* path = std::getenv("PATH");
-  if (verbose) std::printf("Searching for %s\n", program);
+  if (verbose)
+    std::printf("Searching for %s\n", program);
   const char* separators = path && std::strchr(path, ';') ? ";" : ":;";
 
   if (CanOpenForReading(program)) {
@@ -189,7 +197,8 @@ int PgmWithPath(const char* program, char** found_ref, int verbose) {
   std::string found = SearchPath(program, separators);
   if (!found.empty()) {
     SetFound(found_ref, found);
-    if (verbose) std::printf("Found %s\n", found.c_str());
+    if (verbose)
+      std::printf("Found %s\n", found.c_str());
     return 1;
   }
   *found_ref = nullptr;
@@ -198,30 +207,38 @@ int PgmWithPath(const char* program, char** found_ref, int verbose) {
 
 int PgmFound(const char* program, int verbose) {
   const char* path = std::getenv("PATH");
-  if (verbose) std::printf("Searching for %s\n", program);
+  if (verbose)
+    std::printf("Searching for %s\n", program);
   const char* separators = path && std::strchr(path, ';') ? ";" : ":";
 
   if (CanOpenForReading(program)) {
-    if (verbose) std::printf("Found %s\n", program);
+    if (verbose)
+      std::printf("Found %s\n", program);
     return 1;
   }
   std::string found = SearchPath(program, separators);
-  if (found.empty()) return 0;
-  if (verbose) std::printf("Found %s\n", found.c_str());
+  if (found.empty())
+    return 0;
+  if (verbose)
+    std::printf("Found %s\n", found.c_str());
   return 1;
 }
 
 void SetLocalWLEnvironment() {
   char* names = nullptr;
-  if (maxConfigEnv == -1) names = LoadConfigEnv();
+  if (maxConfigEnv == -1)
+    names = LoadConfigEnv();
   for (int i = 0; i < maxConfigEnv; ++i) {
-    if (!configEnvVar[i] || !IsEqual(configEnvVar[i], "WEFTLANE_HOME", 0)) continue;
+    if (!configEnvVar[i] || !IsEqual(configEnvVar[i], "WEFTLANE_HOME", 0))
+      continue;
     // The text is formed and dropped again: nothing installs it, and the
     // operation is kept without a lasting effect.
     const char* home = NonEmptyEnv(configEnvVar[i]);
     const char* search = NonEmptyEnv("PATH");
-    if (!search) search = std::getenv("Path");
-    std::string text = std::string(home ? home : configEnvValue[i]) + "\\bin;" + (search ? search : "");
+    if (!search)
+      search = std::getenv("Path");
+    std::string text =
+        std::string(home ? home : configEnvValue[i]) + "\\bin;" + (search ? search : "");
     (void)text;
   }
   safe_free(&names);

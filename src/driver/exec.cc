@@ -31,7 +31,8 @@ bool PerlArguments(const std::string& display, std::vector<std::string>& args) {
   std::string group;
   for (int n = 1;; ++n) {
     std::string word = GetWord(text, " ", n, n);
-    if (word.empty()) break;
+    if (word.empty())
+      break;
     std::string arg;
     bool complete = false;
     if (in_group) {
@@ -54,7 +55,8 @@ bool PerlArguments(const std::string& display, std::vector<std::string>& args) {
       complete = true;
     }
     if (complete) {
-      if (args.size() >= static_cast<size_t>(kMaxExecArgs)) return false;
+      if (args.size() >= static_cast<size_t>(kMaxExecArgs))
+        return false;
       args.push_back(std::move(arg));
     }
   }
@@ -66,20 +68,23 @@ bool PerlArguments(const std::string& display, std::vector<std::string>& args) {
 // the first executable PATH entry. Resolved before the fork so that the
 // child only has to call execv.
 std::string ResolveProgram(const std::string& program) {
-  if (program.find('/') != std::string::npos) return program;
+  if (program.find('/') != std::string::npos)
+    return program;
   const char* path = std::getenv("PATH");
   std::string dirs = path ? path : "/bin:/usr/bin";
   size_t start = 0;
   for (;;) {
     size_t end = dirs.find(':', start);
-    std::string dir = dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    std::string dir =
+        dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
     std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + program;
     struct stat st;
     if (stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
         access(candidate.c_str(), X_OK) == 0) {
       return candidate;
     }
-    if (end == std::string::npos) break;
+    if (end == std::string::npos)
+      break;
     start = end + 1;
   }
   return {};
@@ -95,7 +100,8 @@ int ExecuteCmd(const char* command, int use_perl, int echo, int wait, pid_t* pid
   std::vector<std::string> args;
   if (use_perl) {
     if (!PerlArguments(display, args)) {
-      if (pid_out) *pid_out = -1;
+      if (pid_out)
+        *pid_out = -1;
       return 0;
     }
   } else {
@@ -106,27 +112,33 @@ int ExecuteCmd(const char* command, int use_perl, int echo, int wait, pid_t* pid
   std::string program = args.empty() ? std::string() : ResolveProgram(args[0]);
   std::vector<char*> argv;
   argv.reserve(args.size() + 1);
-  for (std::string& a : args) argv.push_back(a.data());
+  for (std::string& a : args)
+    argv.push_back(a.data());
   argv.push_back(nullptr);
 
-  if (echo) std::printf("Execute: %s\n", display.c_str());
+  if (echo)
+    std::printf("Execute: %s\n", display.c_str());
   std::fflush(stdout);
 
   pid_t pid = fork();
   if (pid == 0) {
-    if (!program.empty()) execv(program.c_str(), argv.data());
+    if (!program.empty())
+      execv(program.c_str(), argv.data());
     // A program that cannot be started ends the child with status 0.
     _exit(0);
   }
-  if (pid < 0) return 0;
+  if (pid < 0)
+    return 0;
   if (wait == 1) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
-      if (errno != EINTR) return 0;
+      if (errno != EINTR)
+        return 0;
     }
     return status;
   }
-  if (pid_out) *pid_out = pid;
+  if (pid_out)
+    *pid_out = pid;
   return 0;
 }
 
@@ -137,8 +149,8 @@ int wlfprintf(const char* source_file, int source_line, FILE* stream, const char
   va_end(args);
   if (count < 0) {
     int err = errno;
-    std::string prefix = "ERROR 65: (" + std::string(source_file) + "," +
-                         std::to_string(source_line) + ")";
+    std::string prefix =
+        "ERROR 65: (" + std::string(source_file) + "," + std::to_string(source_line) + ")";
     errno = err;
     std::perror(prefix.c_str());
   }

@@ -72,11 +72,14 @@ std::string Format(const char* format, ...) {
 // destination fails to open instead of holding the run.
 FILE* OpenForWriting(const char* name) {
   int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
-  if (fd < 0) return nullptr;
+  if (fd < 0)
+    return nullptr;
   int flags = fcntl(fd, F_GETFL);
-  if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  if (flags >= 0)
+    fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
   FILE* f = fdopen(fd, "w");
-  if (!f) close(fd);
+  if (!f)
+    close(fd);
   return f;
 }
 
@@ -84,7 +87,8 @@ const char* Text(const char* s) { return s ? s : "(null)"; }
 
 std::string CurrentDirectory(const std::string& fallback) {
   char* cwd = getcwd(nullptr, 0);
-  if (!cwd) return fallback;
+  if (!cwd)
+    return fallback;
   std::string out = cwd;
   std::free(cwd);
   return out;
@@ -100,7 +104,8 @@ std::string NumberedName(const char* suffix) {
                   counter, suffix);
     int64_t size;
     uint64_t mtime;
-    if (!FileStat(name.c_str(), &size, &mtime)) return name;
+    if (!FileStat(name.c_str(), &size, &mtime))
+      return name;
     ++counter;
   }
 }
@@ -117,7 +122,8 @@ class RunResources {
 
   void CreateTrees() {
     dir_head_ = static_cast<DirNode*>(InitBintreeNode(static_cast<int16_t>(sizeof(DirNode))));
-    if (dir_head_) safe_cpy(&dir_head_->key, "");
+    if (dir_head_)
+      safe_cpy(&dir_head_->key, "");
     file_head_ = NewFileNode("");
     old_head_ = NewFileNode("");
     FileTree = NewBintree(file_head_, CompareFunc, 0, static_cast<uint16_t>(sizeof(FileNode)));
@@ -155,18 +161,25 @@ class RunResources {
 };
 
 void WriteReportHeader(FILE* report) {
-  if (SCMTypeStr) std::fprintf(report, "SCMType=%s\n", SCMTypeStr);
-  if (MachineLabel) std::fprintf(report, "MachineName=%s\n", MachineLabel);
+  if (SCMTypeStr)
+    std::fprintf(report, "SCMType=%s\n", SCMTypeStr);
+  if (MachineLabel)
+    std::fprintf(report, "MachineName=%s\n", MachineLabel);
   std::fprintf(report, "BuildLabel=%s\n", BuildLabel.c_str());
-  if (BuildNumber) std::fprintf(report, "BuildNumber=%s\n", BuildNumber);
+  if (BuildNumber)
+    std::fprintf(report, "BuildNumber=%s\n", BuildNumber);
 }
 
 void WriteInventoryHeader(FILE* inventory) {
-  if (SCMTypeStr) std::fprintf(inventory, "SCMType=%s\n", SCMTypeStr);
-  if (!DirName.empty()) std::fprintf(inventory, "ModuleRootDir=%s\n", DirName.c_str());
-  if (MachineLabel) std::fprintf(inventory, "MachineName=%s\n", MachineLabel);
+  if (SCMTypeStr)
+    std::fprintf(inventory, "SCMType=%s\n", SCMTypeStr);
+  if (!DirName.empty())
+    std::fprintf(inventory, "ModuleRootDir=%s\n", DirName.c_str());
+  if (MachineLabel)
+    std::fprintf(inventory, "MachineName=%s\n", MachineLabel);
   std::fprintf(inventory, "BuildLabel=%s\n", BuildLabel.c_str());
-  if (BuildNumber) std::fprintf(inventory, "BuildNumber=%s\n", BuildNumber);
+  if (BuildNumber)
+    std::fprintf(inventory, "BuildNumber=%s\n", BuildNumber);
 }
 
 // Fills FileTree by the method the SCM type selects.
@@ -235,7 +248,8 @@ int RunInspection(RunResources& resources) {
   LoadFileTree(OldFileTree, old_name.c_str());
 
   UniqueFile report(OpenForWriting(report_name.c_str()));
-  if (!report) return CouldNotWrite(report_name);
+  if (!report)
+    return CouldNotWrite(report_name);
   WriteReportHeader(report.get());
   std::puts(kDeletedProgress);
   WalkBintree(OldFileTree, Deleted, report.get());
@@ -243,14 +257,16 @@ int RunInspection(RunResources& resources) {
   WalkBintree(FileTree, AddedAndChanged, report.get());
 
   UniqueFile inventory(OpenForWriting(inventory_name.c_str()));
-  if (!inventory) return CouldNotWrite(inventory_name);
+  if (!inventory)
+    return CouldNotWrite(inventory_name);
   std::puts(kSavingProgress);
   WriteInventoryHeader(inventory.get());
   WalkBintree(FileTree, WriteFileTree, inventory.get());
   std::fclose(inventory.release());
   std::fclose(report.release());
 
-  if (file_copy(report_name.c_str(), report_copy.c_str()) != 0) return CouldNotWrite(report_copy);
+  if (file_copy(report_name.c_str(), report_copy.c_str()) != 0)
+    return CouldNotWrite(report_copy);
   if (file_copy(inventory_name.c_str(), inventory_copy.c_str()) != 0) {
     return CouldNotWrite(inventory_copy);
   }
@@ -285,7 +301,8 @@ int InspectorMain(int argc, char** argv) {
   int status = 1;
   {
     RunResources resources;
-    if (ParseParms(argc, argv)) status = RunInspection(resources);
+    if (ParseParms(argc, argv))
+      status = RunInspection(resources);
   }
   std::fflush(stdout);
   return status;
@@ -294,11 +311,13 @@ int InspectorMain(int argc, char** argv) {
 int FileStat(const char* path, int64_t* size_out, uint64_t* mtime_out) {
   *size_out = 0;
   // Network paths are never examined.
-  if (path[0] == '/' && path[1] == '/') return 0;
+  if (path[0] == '/' && path[1] == '/')
+    return 0;
   // Non-blocking, so that a FIFO under the name is examined rather than
   // waited on; it has no effect on regular files.
   UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (fd.get() < 0) return 0;
+  if (fd.get() < 0)
+    return 0;
   struct stat st;
   bool stat_ok = fstat(fd.get(), &st) == 0;
   *mtime_out = stat_ok ? static_cast<uint64_t>(st.st_mtime) : 0;
@@ -325,10 +344,12 @@ std::string& GetUserId(std::string& buffer) {
 int file_copy(const char* source, const char* destination) {
   UniqueFile in(std::fopen(source, "rb"));
   UniqueFile out(OpenForWriting(destination));
-  if (!out) return 1;
+  if (!out)
+    return 1;
   // The callers pass files they have just written; a source that cannot be
   // opened fails the copy instead of being read through a null stream.
-  if (!in) return 1;
+  if (!in)
+    return 1;
 
   int fd = fileno(out.get());
   int retries = 0;
@@ -349,12 +370,14 @@ int file_copy(const char* source, const char* destination) {
   std::rewind(out.get());
   int c;
   while ((c = std::getc(in.get())) != EOF) {
-    if (std::putc(c, out.get()) == EOF) break;
+    if (std::putc(c, out.get()) == EOF)
+      break;
   }
   bool write_failed = std::ferror(out.get()) != 0;
   in.reset();
   // Closing the destination releases the lock.
-  if (std::fclose(out.release()) != 0) write_failed = true;
+  if (std::fclose(out.release()) != 0)
+    write_failed = true;
   return write_failed ? 1 : 0;
 }
 

@@ -174,8 +174,8 @@ TEST_F(ParseParmsTest, Table) {
          EXPECT_EQ(Str(TaskName), "job");
        }},
       {"upper-case options",
-       {"-LJ", "job", "-LD", kDate, "-LM", "box", "-LO", "me", "-LN", "42", "-LP", "-B", "/w",
-        "-T", "REL"},
+       {"-LJ", "job", "-LD", kDate, "-LM", "box", "-LO", "me", "-LN", "42", "-LP", "-B", "/w", "-T",
+        "REL"},
        1,
        "Command Line Options: -LJ \"job\" -LD \"2020-10-14 10_20_30\" -LM \"box\" -LO \"me\" "
        "-LN \"42\" -LP -B \"/w\" -T \"REL\" \n",
@@ -297,15 +297,16 @@ TEST_F(ParseParmsTest, Table) {
     std::string out;
     EXPECT_EQ(Parse(c.words, &out), c.result);
     EXPECT_EQ(out, c.out);
-    if (c.check) c.check();
+    if (c.check)
+      c.check();
   }
 }
 
 TEST_F(ParseParmsTest, KeywordTable) {
   const std::vector<std::pair<std::string, uint32_t>> cases = {
-      {"CVS", 1},      {"cvsrep", 2},     {"ClearCase", 4}, {"harvest", 8},
-      {"svn", 16},     {"VSS", 32},       {"perforce", 64}, {"si", 128},
-      {"MSTF", 512},   {"teamprise", 512}, {"AccuRev", 256}, {"CVSX", 0},
+      {"CVS", 1},    {"cvsrep", 2},      {"ClearCase", 4}, {"harvest", 8},
+      {"svn", 16},   {"VSS", 32},        {"perforce", 64}, {"si", 128},
+      {"MSTF", 512}, {"teamprise", 512}, {"AccuRev", 256}, {"CVSX", 0},
   };
   for (const auto& [keyword, type] : cases) {
     SCOPED_TRACE(keyword);
@@ -374,7 +375,7 @@ TEST_F(ResponseFileTest, GroupForms) {
       {"-lj \"one\" -ld x", "one"},
       {"-lj \"a b\"c d\" -ld x", "a b\"c"},  // the first later word with a quote closes
       {"-lj x\"y\" -ld z", "x\"y"},          // only the ends are stripped
-      {"\r\n-lj \tjob\r\n", "\tjob"},  // a tab is not a separator
+      {"\r\n-lj \tjob\r\n", "\tjob"},        // a tab is not a separator
   };
   for (const GroupCase& c : cases) {
     SCOPED_TRACE(c.line);
@@ -391,8 +392,7 @@ TEST_F(ResponseFileTest, FileWordsComeBeforeArguments) {
   std::string path = Write("-lj job\n\n-ld\n");
   std::string out;
   EXPECT_EQ(Parse({"@" + path, "2020-10-14 10_20_30", "-lm", "\"box\""}, &out), 1);
-  EXPECT_EQ(out,
-            "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -lm \"box\" \n");
+  EXPECT_EQ(out, "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -lm \"box\" \n");
   EXPECT_EQ(Str(MachineLabel), "box");
 }
 
@@ -419,7 +419,8 @@ TEST_F(ResponseFileTest, DirectoryIsRefusedAsUnopenable) {
 }
 
 TEST_F(ResponseFileTest, UnreadableFile) {
-  if (geteuid() == 0) GTEST_SKIP() << "running as root: permissions do not stop reading";
+  if (geteuid() == 0)
+    GTEST_SKIP() << "running as root: permissions do not stop reading";
   std::string path = Write("-lj j\n");
   chmod(path.c_str(), 0);
   std::string out;
@@ -491,7 +492,8 @@ TEST_F(ResponseFileTest, BinaryBytesDoNotBreakTheParse) {
 TEST_F(ResponseFileTest, WordLimit) {
   // 198 words from the file + 1 argument = 199 words: accepted.
   std::string content = "-lj j\n-ld \"" + std::string(kDate) + "\"\n";  // 4 words
-  for (int i = 0; i < 194; ++i) content += "-s\n";
+  for (int i = 0; i < 194; ++i)
+    content += "-s\n";
   std::string path = Write(content);
   std::string out;
   EXPECT_EQ(Parse({"@" + path, "-s"}, &out), 1);  // 199 words
@@ -504,7 +506,8 @@ TEST_F(ResponseFileTest, WordLimit) {
 TEST_F(ResponseFileTest, HundredThousandWordsAreRefused) {
   std::string content;
   for (int i = 0; i < 1000; ++i) {
-    for (int j = 0; j < 100; ++j) content += "w ";
+    for (int j = 0; j < 100; ++j)
+      content += "w ";
     content += "\n";
   }
   std::string path = Write(content);
@@ -522,7 +525,8 @@ TEST_F(ParseParmsTest, HundredThousandArgumentsAreRefused) {
 
 TEST_F(ResponseFileTest, EndlessStreamOfBlankLinesIsRefused) {
   struct stat st;
-  if (stat("/dev/zero", &st) != 0) GTEST_SKIP() << "/dev/zero is missing";
+  if (stat("/dev/zero", &st) != 0)
+    GTEST_SKIP() << "/dev/zero is missing";
   std::string out;
   EXPECT_EQ(Parse({"@/dev/zero"}, &out), 0);
   EXPECT_EQ(out, "Response file /dev/zero is too large: at most 67108864 bytes are read.\n");

@@ -48,7 +48,8 @@ class ConfigTest : public drivertest::DriverTest {
   }
   Entries Table() {
     Entries t;
-    for (int i = 0; i < maxConfigEnv; ++i) t.emplace_back(Str(configEnvVar[i]), Str(configEnvValue[i]));
+    for (int i = 0; i < maxConfigEnv; ++i)
+      t.emplace_back(Str(configEnvVar[i]), Str(configEnvValue[i]));
     return t;
   }
 
@@ -57,17 +58,16 @@ class ConfigTest : public drivertest::DriverTest {
   wltest::ScopedEnv env_home_, env_path_, env_server_;
 };
 
-
 TEST_F(ConfigTest, HomeFileLineForms) {
   HomeFile("A=B=C\nNOEQUALS\n\nX==Y\n=V\nCR=value\r\nweftlane_server=lower\n");
   EXPECT_EQ(Load(), "A;NOEQUALS;;X;V;CR;weftlane_server");
   EXPECT_EQ(Table(), (Entries{{"A", "B"},
-                            {"NOEQUALS", ""},
-                            {"", ""},
-                            {"X", "Y"},
-                            {"V", ""},
-                            {"CR", "value"},
-                            {"weftlane_server", "lower"}}));
+                              {"NOEQUALS", ""},
+                              {"", ""},
+                              {"X", "Y"},
+                              {"V", ""},
+                              {"CR", "value"},
+                              {"weftlane_server", "lower"}}));
 }
 
 TEST_F(ConfigTest, TrailingSeparatorsOfTheListAreRemoved) {
@@ -81,7 +81,8 @@ TEST_F(ConfigTest, HomeFileReplacesEntriesBesideWlsubmit) {
   SubmitFile("ONE=s1\nSHARED=fromsubmit\nTWO=s2\n");
   HomeFile("SHARED=fromhome\nTHREE=h3\nTHREE=again\n");
   EXPECT_EQ(Load(), "ONE;SHARED;TWO;THREE");
-  EXPECT_EQ(Table(), (Entries{{"ONE", "s1"}, {"SHARED", "fromhome"}, {"TWO", "s2"}, {"THREE", "again"}}));
+  EXPECT_EQ(Table(),
+            (Entries{{"ONE", "s1"}, {"SHARED", "fromhome"}, {"TWO", "s2"}, {"THREE", "again"}}));
 }
 
 TEST_F(ConfigTest, NoFilesGiveAnEmptyTable) {
@@ -106,7 +107,8 @@ TEST_F(ConfigTest, WithoutHomeAndWlsubmitNothingIsRead) {
 
 TEST_F(ConfigTest, OnlyTheFirst1024EntriesAreKept) {
   std::string content;
-  for (int i = 0; i < 5000; ++i) content += "K" + std::to_string(i) + "=v" + std::to_string(i) + "\n";
+  for (int i = 0; i < 5000; ++i)
+    content += "K" + std::to_string(i) + "=v" + std::to_string(i) + "\n";
   HomeFile(content);
   std::string names = Load();
   EXPECT_EQ(maxConfigEnv, kMaxConfigEnv);
@@ -118,8 +120,10 @@ TEST_F(ConfigTest, OnlyTheFirst1024EntriesAreKept) {
 
 TEST_F(ConfigTest, TheLimitCountsBothFiles) {
   std::string first, second;
-  for (int i = 0; i < 1000; ++i) first += "S" + std::to_string(i) + "=x\n";
-  for (int i = 0; i < 100; ++i) second += "H" + std::to_string(i) + "=y\n";
+  for (int i = 0; i < 1000; ++i)
+    first += "S" + std::to_string(i) + "=x\n";
+  for (int i = 0; i < 100; ++i)
+    second += "H" + std::to_string(i) + "=y\n";
   SubmitFile(first);
   HomeFile("S0=replaced\n" + second);
   Load();
@@ -133,8 +137,8 @@ TEST_F(ConfigTest, LongLinesArriveInPiecesOf1047) {
   HomeFile("N=" + std::string(2998, 'v') + "\n");
   Load();
   EXPECT_EQ(Table(), (Entries{{"N", std::string(1045, 'v')},
-                            {std::string(1047, 'v'), ""},
-                            {std::string(906, 'v'), ""}}));
+                              {std::string(1047, 'v'), ""},
+                              {std::string(906, 'v'), ""}}));
 }
 
 TEST_F(ConfigTest, BinaryContentIsHarmless) {
@@ -267,10 +271,10 @@ TEST_F(ConfigTest, PgmFound) {
   EXPECT_EQ(PgmFound("tool", 1), 1);
   EXPECT_EQ(PgmFound("prog", 1), 1);
   EXPECT_EQ(PgmFound("nothere", 1), 0);
-  EXPECT_EQ(cap.Take(),
-            "Searching for tool\nFound " + bin_ + "/tool\n"
-            "Searching for prog\nFound prog\n"
-            "Searching for nothere\n");
+  EXPECT_EQ(cap.Take(), "Searching for tool\nFound " + bin_ +
+                            "/tool\n"
+                            "Searching for prog\nFound prog\n"
+                            "Searching for nothere\n");
 }
 
 TEST_F(ConfigTest, WlsubmitFoundAsGivenInTheCurrentDirectory) {

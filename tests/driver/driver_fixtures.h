@@ -22,7 +22,8 @@ class Argv {
   explicit Argv(const std::vector<std::string>& words) {
     storage_.push_back("wlinspector");
     storage_.insert(storage_.end(), words.begin(), words.end());
-    for (std::string& s : storage_) ptrs_.push_back(s.data());
+    for (std::string& s : storage_)
+      ptrs_.push_back(s.data());
     ptrs_.push_back(nullptr);
   }
   int argc() const { return static_cast<int>(storage_.size()); }
@@ -40,7 +41,8 @@ class CaptureStderr {
     std::fflush(stderr);
     char tmpl[] = "/tmp/wlstderr-XXXXXX";
     int fd = mkstemp(tmpl);
-    if (fd < 0) throw std::runtime_error("mkstemp");
+    if (fd < 0)
+      throw std::runtime_error("mkstemp");
     file_ = tmpl;
     saved_ = dup(2);
     dup2(fd, 2);
@@ -50,7 +52,8 @@ class CaptureStderr {
   CaptureStderr(const CaptureStderr&) = delete;
   CaptureStderr& operator=(const CaptureStderr&) = delete;
   std::string Take() {
-    if (saved_ < 0) return {};
+    if (saved_ < 0)
+      return {};
     std::fflush(stderr);
     dup2(saved_, 2);
     close(saved_);

@@ -20,8 +20,10 @@ int WaitBounded(pid_t pid, int seconds) {
   for (int i = 0; i < seconds * 100; ++i) {
     int status = 0;
     pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r == pid) return status;
-    if (r < 0 && errno != EINTR) return -1;
+    if (r == pid)
+      return status;
+    if (r < 0 && errno != EINTR)
+      return -1;
     usleep(10000);
   }
   return -1;
@@ -91,7 +93,8 @@ TEST_F(ExecuteCmdTest, ProgramThatCannotStartExitsWithZero) {
 }
 
 TEST_F(ExecuteCmdTest, PerlFormGroupsQuotedWords) {
-  if (!HavePerl()) GTEST_SKIP() << "perl is not installed";
+  if (!HavePerl())
+    GTEST_SKIP() << "perl is not installed";
   struct Case {
     const char* command;
     const char* echo;
@@ -116,7 +119,8 @@ TEST_F(ExecuteCmdTest, PerlFormGroupsQuotedWords) {
 }
 
 TEST_F(ExecuteCmdTest, PerlFormArgumentLimit) {
-  if (!HavePerl()) GTEST_SKIP() << "perl is not installed";
+  if (!HavePerl())
+    GTEST_SKIP() << "perl is not installed";
   // perl, args.pl and 17 more: 19 arguments, the most there is room for.
   std::string command = "args.pl";
   std::string expected;
@@ -143,14 +147,17 @@ TEST_F(ExecuteCmdTest, PerlFormArgumentLimit) {
 }
 
 TEST_F(ExecuteCmdTest, ManyGroupedWordsCountAsOneArgument) {
-  if (!HavePerl()) GTEST_SKIP() << "perl is not installed";
+  if (!HavePerl())
+    GTEST_SKIP() << "perl is not installed";
   std::string command = "args.pl \"";
-  for (int i = 0; i < 100; ++i) command += "w ";
+  for (int i = 0; i < 100; ++i)
+    command += "w ";
   command += "end\"";
   wltest::CaptureStdout cap;
   ExecuteCmd(command.c_str(), 1, 0, 1, nullptr);
   std::string words;
-  for (int i = 0; i < 100; ++i) words += "w ";
+  for (int i = 0; i < 100; ++i)
+    words += "w ";
   EXPECT_EQ(cap.Take(), "[" + words + "end]\n");
 }
 

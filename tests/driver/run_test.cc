@@ -80,7 +80,8 @@ TEST(FileStat, FifoIsExaminedWithoutWaiting) {
 }
 
 TEST(FileStat, UnreadableFile) {
-  if (geteuid() == 0) GTEST_SKIP() << "running as root: permissions do not stop reading";
+  if (geteuid() == 0)
+    GTEST_SKIP() << "running as root: permissions do not stop reading";
   wltest::TempDir dir;
   std::string path = dir / "f";
   wltest::WriteFile(path, "x");
@@ -111,7 +112,8 @@ struct PauseScript {
   static void Pause(unsigned seconds) {
     ++pauses;
     last_seconds = seconds;
-    if (pauses == release_at && lock_fd >= 0) flock(lock_fd, LOCK_UN);
+    if (pauses == release_at && lock_fd >= 0)
+      flock(lock_fd, LOCK_UN);
   }
 };
 int PauseScript::pauses = 0;

@@ -41,6 +41,10 @@ const char kUsage[] =
     "          -h  = This message\n"
     "\n";
 
+const char kUploadRefused[] =
+    "LogUrl=http://127.0.0.1:1/LogUpload\n"
+    "ERROR 401: Could not connect to 127.0.0.1 on port 1\n\n";
+
 const char kEcho[] = "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" \n";
 
 std::string RealPath(const std::string& path) {
@@ -71,11 +75,26 @@ class DriverRun : public ::testing::Test {
     return "WorkDir=" + start_ + "\nBuildDir=.\nRptFileName=" + report +
            "\nNewFileName=" + inventory + "\nOldFileName=\n";
   }
-  static std::string Numbered(int n, const char* suffix) {
+  // Everything an accepted run prints after the echo when the start
+  // directory holds no files: each upload prints `upload`.
+  std::string CompleteRun(int report, int inventory, const std::string& upload) const {
+    return CompleteRunOf(kBase, report, inventory, upload);
+  }
+  std::string CompleteRunOf(const std::string& base, int report, int inventory,
+                            const std::string& upload) const {
+    return Frame(Numbered(base, report, "diff.data"), Numbered(base, inventory, "bom.data")) +
+           "Determining Deleted Files\nDetermining Added and Changed Files\n"
+           "Saving Comparison data\n"
+           "Uploading Report Data " +
+           base + "-bom.data\n" + upload + "Uploading Report Data " + base + "-diff.data\n" +
+           upload + "Complete\n";
+  }
+  static std::string Numbered(const std::string& base, int n, const char* suffix) {
     char number[16];
     std::snprintf(number, sizeof number, "%02d", n);
-    return std::string(kBase) + "-" + number + "-" + suffix;
+    return base + "-" + number + "-" + suffix;
   }
+  static std::string Numbered(int n, const char* suffix) { return Numbered(kBase, n, suffix); }
 
   wltest::TempDir dir_;
   std::string start_, home_;
@@ -95,19 +114,35 @@ TEST_F(DriverRun, EmptyServerInTheEnvironmentCountsAsAbsent) {
 }
 
 TEST_F(DriverRun, ServerFromTheHomePropertyFile) {
-  for (const char* value : {"http://127.0.0.1:1", ""}) {
-    SCOPED_TRACE(value);
+  struct Case {
+    const char* value;
+    const char* upload;  // what each upload prints
+  };
+  const Case cases[] = {
+      {"http://127.0.0.1:1",
+       "LogUrl=http://127.0.0.1:1/LogUpload\n"
+       "ERROR 401: Could not connect to 127.0.0.1 on port 1\n\n"},
+      // An empty value from the file is still a value: the upload address is
+      // then "/LogUpload".
+      {"", "LogUrl=/LogUpload\nERROR 404: Invalid URL /LogUpload\n\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.value);
     wltest::WriteFile(home_ + "/.weftlane/wlenvironment.properties",
-                      std::string("WEFTLANE_SERVER=") + value + "\n");
+                      std::string("WEFTLANE_SERVER=") + c.value + "\n");
     auto r = Run(JobArgs(), std::nullopt);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(Numbered(1, "diff.data"),
-                                                     Numbered(1, "bom.data")),
-                          0),
-              0u)
-        << r.out;
-    for (const std::string& name : wltest::ListDir(start_)) unlink((start_ + "/" + name).c_str());
+    EXPECT_EQ(r.out, std::string(kEcho) + CompleteRun(1, 1, c.upload));
+    for (const std::string& name : wltest::ListDir(start_))
+      unlink((start_ + "/" + name).c_str());
   }
+}
+
+TEST_F(DriverRun, EnvironmentWinsOverThePropertyFile) {
+  wltest::WriteFile(home_ + "/.weftlane/wlenvironment.properties", "WEFTLANE_SERVER=\n");
+  auto r = Run(JobArgs());
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string(kEcho) + CompleteRun(1, 1, kUploadRefused));
 }
 
 TEST_F(DriverRun, Usage) {
@@ -167,56 +202,38 @@ TEST_F(DriverRun, ResponseFile) {
   wltest::WriteFile(start_ + "/job.rsp", "-lj \"my job\"\n-ld \"2020-10-14 10_20_30\"\n");
   auto r = Run({"@job.rsp", "-lm", "box"});
   EXPECT_EQ(r.status, 0);
-  const std::string base = "my job-box-2020-10-14 10_20_30";
-  EXPECT_EQ(r.out.rfind("Command Line Options: -lj \"my job\" -ld \"2020-10-14 10_20_30\" -lm "
-                        "\"box\" \n" +
-                            Frame(base + "-01-diff.data", base + "-01-bom.data"),
-                        0),
-            0u)
-      << r.out;
+  EXPECT_EQ(r.out,
+            "Command Line Options: -lj \"my job\" -ld \"2020-10-14 10_20_30\" -lm \"box\" \n" +
+                CompleteRunOf("my job-box-2020-10-14 10_20_30", 1, 1, kUploadRefused));
 }
 
 TEST_F(DriverRun, Version) {
   auto r = Run({"-v"});
-  // The run goes on with its job settings unset.
-  EXPECT_EQ(r.out.rfind(std::string(kBanner) + "WorkDir=" + start_ +
-                            "\nBuildDir=.\nRptFileName=(null)-(null)-(null)-01-diff.data\n"
-                            "NewFileName=(null)-(null)-(null)-01-bom.data\nOldFileName=\n",
-                        0),
-            0u)
-      << r.out;
+  // The run goes on with its job settings unset; the names show them as the
+  // C library prints a null text.
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, kBanner + CompleteRunOf("(null)-(null)-(null)", 1, 1, kUploadRefused));
+  auto report_text = wltest::ReadFile(start_ + "/(null)-(null)-(null)-01-diff.data").value_or("?");
+  EXPECT_EQ(report_text, "BuildLabel=\n");
 }
 
 TEST_F(DriverRun, CompleteRunKeepsOnlyTheNumberedFiles) {
-  auto r = Run(JobArgs());
+  auto r = Run(JobArgs({"-c", "none", "-t", "REL 1", "-ln", "77", "-lm", "box"}));
   EXPECT_EQ(r.status, 0);
-  const std::string report = Numbered(1, "diff.data");
-  const std::string inventory = Numbered(1, "bom.data");
-  EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(report, inventory), 0), 0u) << r.out;
-  // The stages' lines in their order, the uploads last.
-  size_t pos = 0;
-  for (const std::string& line :
-       {std::string("Determining Deleted Files\n"), std::string("Determining Added and Changed Files\n"),
-        std::string("Saving Comparison data\n"),
-        "Uploading Report Data " + std::string(kBase) + "-bom.data\n",
-        "Uploading Report Data " + std::string(kBase) + "-diff.data\n", std::string("Complete\n")}) {
-    size_t at = r.out.find(line, pos);
-    EXPECT_NE(at, std::string::npos) << line << " in\n" << r.out;
-    if (at != std::string::npos) pos = at + line.size();
-  }
-  EXPECT_EQ(r.out.substr(r.out.size() - 9), "Complete\n");
+  const std::string base = "job-box-2020-10-14 10_20_30";
+  const std::string report = Numbered(base, 1, "diff.data");
+  const std::string inventory = Numbered(base, 1, "bom.data");
+  // A failed upload does not change the status.
+  EXPECT_EQ(r.out,
+            "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -c \"none\" -t \"REL "
+            "1\" -ln \"77\" -lm \"box\" \n" +
+                CompleteRunOf(base, 1, 1, kUploadRefused));
   EXPECT_EQ(wltest::ListDir(start_), (std::vector<std::string>{inventory, report}));
-
-  auto report_text = wltest::ReadFile(start_ + "/" + report).value_or("?");
-  EXPECT_EQ(report_text.rfind("SCMType=NONE\nMachineName=My Computer\nBuildLabel=\nBuildNumber=\n", 0),
-            0u)
-      << report_text;
-  auto inventory_text = wltest::ReadFile(start_ + "/" + inventory).value_or("?");
-  EXPECT_EQ(inventory_text.rfind("SCMType=NONE\nModuleRootDir=" + start_ +
-                                     "\nMachineName=My Computer\nBuildLabel=\nBuildNumber=\n",
-                                 0),
-            0u)
-      << inventory_text;
+  EXPECT_EQ(wltest::ReadFile(start_ + "/" + report).value_or("?"),
+            "SCMType=none\nMachineName=box\nBuildLabel=REL 1\nBuildNumber=77\n");
+  EXPECT_EQ(wltest::ReadFile(start_ + "/" + inventory).value_or("?"),
+            "SCMType=none\nModuleRootDir=" + start_ +
+                "\nMachineName=box\nBuildLabel=REL 1\nBuildNumber=77\n");
 }
 
 TEST_F(DriverRun, NumberingOfTheTwoFilesIsIndependent) {
@@ -224,16 +241,10 @@ TEST_F(DriverRun, NumberingOfTheTwoFilesIsIndependent) {
   wltest::WriteFile(start_ + "/" + Numbered(2, "diff.data"), "old\n");
   auto r = Run(JobArgs());
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(Numbered(3, "diff.data"), Numbered(1, "bom.data")),
-                        0),
-            0u)
-      << r.out;
+  EXPECT_EQ(r.out, kEcho + CompleteRun(3, 1, kUploadRefused));
   // A second run numbers past the first run's files.
   r = Run(JobArgs());
-  EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(Numbered(4, "diff.data"), Numbered(2, "bom.data")),
-                        0),
-            0u)
-      << r.out;
+  EXPECT_EQ(r.out, kEcho + CompleteRun(4, 2, kUploadRefused));
 }
 
 TEST_F(DriverRun, NumberedNameTakenByADirectory) {
@@ -241,11 +252,8 @@ TEST_F(DriverRun, NumberedNameTakenByADirectory) {
   wltest::MakeDirs(start_ + "/" + report);
   auto r = Run(JobArgs());
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out.rfind(std::string(kEcho) + Frame(report, Numbered(1, "bom.data")), 0), 0u)
-      << r.out;
-  std::string tail = "Could not write to " + report + "\n";
-  EXPECT_EQ(r.out.substr(r.out.size() - tail.size()), tail);
-  EXPECT_EQ(r.out.find("Determining"), std::string::npos);
+  EXPECT_EQ(r.out,
+            kEcho + Frame(report, Numbered(1, "bom.data")) + "Could not write to " + report + "\n");
 }
 
 TEST_F(DriverRun, InventoryNameTakenByADirectory) {
@@ -253,31 +261,44 @@ TEST_F(DriverRun, InventoryNameTakenByADirectory) {
   wltest::MakeDirs(start_ + "/" + inventory);
   auto r = Run(JobArgs());
   EXPECT_EQ(r.status, 1);
-  std::string tail = "Determining Added and Changed Files\nCould not write to " + inventory + "\n";
-  EXPECT_EQ(r.out.substr(r.out.size() - tail.size()), tail) << r.out;
+  EXPECT_EQ(r.out, kEcho + Frame(Numbered(1, "diff.data"), inventory) +
+                       "Determining Deleted Files\nDetermining Added and Changed Files\n"
+                       "Could not write to " +
+                       inventory + "\n");
 }
 
 TEST_F(DriverRun, TransferCopyCannotBeMade) {
   // The un-numbered copy's name is taken by a directory.
-  const std::string copy = std::string(kBase) + "-diff.data";
-  wltest::MakeDirs(start_ + "/" + copy);
-  auto r = Run(JobArgs());
-  EXPECT_EQ(r.status, 1);
-  std::string tail = "Saving Comparison data\nCould not write to " + copy + "\n";
-  EXPECT_EQ(r.out.substr(r.out.size() - tail.size()), tail) << r.out;
+  for (const char* suffix : {"-diff.data", "-bom.data"}) {
+    SCOPED_TRACE(suffix);
+    const std::string copy = std::string(kBase) + suffix;
+    wltest::MakeDirs(start_ + "/" + copy);
+    auto r = Run(JobArgs());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, kEcho + Frame(Numbered(1, "diff.data"), Numbered(1, "bom.data")) +
+                         "Determining Deleted Files\nDetermining Added and Changed Files\n"
+                         "Saving Comparison data\nCould not write to " +
+                         copy + "\n");
+    // The numbered files stay as the run's record.
+    EXPECT_TRUE(wltest::ReadFile(start_ + "/" + Numbered(1, "bom.data")).has_value());
+    for (const std::string& name : wltest::ListDir(start_)) {
+      std::string path = start_ + "/" + name;
+      if (unlink(path.c_str()) != 0)
+        rmdir(path.c_str());
+    }
+  }
 }
 
 TEST_F(DriverRun, MissingBuildDirectoryScansTheStartDirectory) {
   auto r = Run(JobArgs({"-b", "does/not/exist"}));
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.rfind(std::string("Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" "
-                                    "-b \"does/not/exist\" \n") +
-                            Frame(Numbered(1, "diff.data"), Numbered(1, "bom.data")),
-                        0),
-            0u)
-      << r.out;
+  EXPECT_EQ(r.out,
+            "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -b \"does/not/exist\" "
+            "\n" +
+                CompleteRun(1, 1, kUploadRefused));
   auto inventory_text = wltest::ReadFile(start_ + "/" + Numbered(1, "bom.data")).value_or("?");
-  EXPECT_NE(inventory_text.find("ModuleRootDir=" + start_ + "\n"), std::string::npos) << inventory_text;
+  EXPECT_NE(inventory_text.find("ModuleRootDir=" + start_ + "\n"), std::string::npos)
+      << inventory_text;
 }
 
 TEST_F(DriverRun, BuildDirectoryLineAlwaysShowsTheDot) {
