@@ -85,22 +85,29 @@ class DigestStream {
   DigestStream& operator=(const DigestStream&) = delete;
   ~DigestStream() { Close(); }
 
-  // True when path was opened and examined; status() then holds its fstat.
-  bool Open(const char* path);
+  // True when path was opened and examined; status() then holds its fstat
+  // (and keeps it after Close). A relative path is taken relative to the
+  // directory descriptor dir_fd (AT_FDCWD: the current directory). The
+  // stream uses `buffer` (kDigestStdioBufferSize bytes, which must outlive
+  // the stream) when given, else a buffer of its own.
+  bool Open(const char* path, int dir_fd = kCurrentDirectory, char* buffer = nullptr);
   FILE* get() const { return file_; }
   const struct stat& status() const { return status_; }
-  // Close the stream (if open) and free the buffer.
+  // Close the stream (if open) and free its own buffer.
   void Close();
+
+  static constexpr int kCurrentDirectory = -100;  // AT_FDCWD on Linux
+  static constexpr size_t kDigestStdioBufferSize = 64 * 1024;
 
  private:
   FILE* file_ = nullptr;
-  char* buffer_ = nullptr;
+  char* own_buffer_ = nullptr;
   struct stat status_ {};
 };
 
 // Digests several files at once for the directory scan. Each file still goes
 // through exactly the procedure above (same work area, same 1,024-byte reads);
-// only the transforms of up to four files are computed side by side, because
+// only the transforms of up to eight files are computed side by side, because
 // a single file's transform chain is too sequential to keep the processor
 // busy. Results are identical to md_filename's.
 //
@@ -118,9 +125,10 @@ class DigestBatch {
   DigestBatch(const DigestBatch&) = delete;
   DigestBatch& operator=(const DigestBatch&) = delete;
 
-  // False when path cannot be opened as a DigestStream: nothing is queued
-  // and `done` is not called for it.
-  bool Add(const char* path, void* target);
+  // False when path cannot be opened as a DigestStream (relative paths are
+  // taken relative to dir_fd): nothing is queued and `done` is not called for
+  // it. The file is opened before Add returns, so dir_fd may be closed after.
+  bool Add(const char* path, void* target, int dir_fd = DigestStream::kCurrentDirectory);
   void Finish();
 
   struct Impl;
@@ -128,3 +136,7 @@ class DigestBatch {
  private:
   std::unique_ptr<Impl> impl_;
 };
+
+// For tests: run DigestBatch on the portable transform kernel (true), or on
+// the fastest one this processor supports (false, the default).
+void UsePortableDigestKernel(bool portable);

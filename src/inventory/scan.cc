@@ -1,6 +1,7 @@
 #include "inventory/scan.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -52,6 +53,13 @@ void StoreBatchDigest(void* target, const char* digest_text, const struct stat& 
   StoreDigest(static_cast<FileNode*>(target), digest_text, status);
 }
 
+// Opens dir for looking up its entries: a short relative lookup per entry
+// instead of a walk of the whole path. -1 when it cannot be opened; the
+// entries are then looked up by their full paths.
+int OpenDirectoryHandle(const std::string& dir) {
+  return open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
 int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, DigestBatch& batch) {
   std::string dir(curDir);
   ReplaceSlash(dir);
@@ -62,6 +70,10 @@ int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, Digest
     if (!listing) return 0;
     while (dirent* entry = readdir(listing.get())) names.emplace_back(entry->d_name);
   }
+  // Held only while this directory's own entries are examined: it is closed
+  // before each descent and opened again after, so depth costs no
+  // descriptors.
+  UniqueFd dir_fd(OpenDirectoryHandle(dir));
 
   int result = 0;
   struct stat status {};
@@ -71,18 +83,29 @@ int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, Digest
     entry_path.assign(dir).append("/").append(name);
     // A failed lstat leaves the previous entry's status in place.
     struct stat probe;
-    if (lstat(entry_path.c_str(), &probe) == 0) status = probe;
+    int rc = dir_fd.get() >= 0
+                 ? fstatat(dir_fd.get(), name.c_str(), &probe, AT_SYMLINK_NOFOLLOW)
+                 : lstat(entry_path.c_str(), &probe);
+    if (rc == 0) status = probe;
 
     bool directory = (status.st_mode & kDirectoryBit) != 0;
     if (!directory && name != "harvest.sig") {
       if (FileNode* node = LinkRecord(tree, rootDir, dir.c_str(), name.c_str(), full)) {
-        // When the file cannot be opened the record keeps its empty digest
-        // and zero numbers.
-        (void)batch.Add(full.c_str(), node);
+        // The file opened is the one the key names, with backslashes turned
+        // into "/"; only a name without backslash is that same entry of
+        // this directory. When the file cannot be opened the record keeps
+        // its empty digest and zero numbers.
+        if (dir_fd.get() >= 0 && name.find('\\') == std::string::npos) {
+          (void)batch.Add(name.c_str(), node, dir_fd.get());
+        } else {
+          (void)batch.Add(full.c_str(), node);
+        }
       }
       result = 1;
     } else if (directory && name[0] != '.' && name != "CVS") {
+      dir_fd.Reset();
       (void)ScanDirectory(rootDir, entry_path.c_str(), tree, batch);
+      dir_fd.Reset(OpenDirectoryHandle(dir));
     }
   }
   return result;

@@ -311,8 +311,15 @@ TEST(DigestStream, StatusDescribesTheOpenedFile) {
 }
 
 // Many files of mixed sizes through the batch: lanes start and finish at
-// different times, and every result must equal the single-file digest.
-TEST(DigestBatch, EqualsSingleFileDigestsForMixedSizes) {
+// different times, and every result must equal the single-file digest. Run
+// on the kernel this processor uses and on the portable one.
+class DigestBatchKernels : public ::testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override { UsePortableDigestKernel(GetParam()); }
+  void TearDown() override { UsePortableDigestKernel(false); }
+};
+
+TEST_P(DigestBatchKernels, EqualsSingleFileDigestsForMixedSizes) {
   wltest::TempDir dir;
   std::mt19937 gen(7);
   std::vector<std::string> paths;
@@ -348,6 +355,9 @@ TEST(DigestBatch, EqualsSingleFileDigestsForMixedSizes) {
     EXPECT_EQ(results[i].size, st.st_size) << paths[i];
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Kernels, DigestBatchKernels, ::testing::Values(false, true),
+                         [](const auto& param_info) { return param_info.param ? "Portable" : "Detected"; });
 
 TEST(DigestBatch, ReportsTheReadErrorOfADirectory) {
   wltest::TempDir dir;
