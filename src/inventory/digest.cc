@@ -19,12 +19,14 @@ constexpr size_t kBitsOffset = 32;  // 2 bit-count words
 inline uint64_t Load64(const unsigned char* p) {
   uint64_t v;
   std::memcpy(&v, p, 8);
-  if constexpr (std::endian::native == std::endian::big) v = __builtin_bswap64(v);
+  if constexpr (std::endian::native == std::endian::big)
+    v = __builtin_bswap64(v);
   return v;
 }
 
 inline void Store64(unsigned char* p, uint64_t v) {
-  if constexpr (std::endian::native == std::endian::big) v = __builtin_bswap64(v);
+  if constexpr (std::endian::native == std::endian::big)
+    v = __builtin_bswap64(v);
   std::memcpy(p, &v, 8);
 }
 
@@ -136,9 +138,11 @@ template <class W>
 
 void TransformArea(unsigned char* area) {
   uint64_t state[4];
-  for (int i = 0; i < 4; ++i) state[i] = Load64(area + kBufOffset + 8 * i);
+  for (int i = 0; i < 4; ++i)
+    state[i] = Load64(area + kBufOffset + 8 * i);
   MD5Transform(state, area + kMd5InOffset);
-  for (int i = 0; i < 4; ++i) Store64(area + kBufOffset + 8 * i, state[i]);
+  for (int i = 0; i < 4; ++i)
+    Store64(area + kBufOffset + 8 * i, state[i]);
 }
 
 // The procedure's byte handling never reads the state words; only the
@@ -158,7 +162,8 @@ void UpdateWith(unsigned char* a, const unsigned char* data, uint32_t len, Trans
   uint64_t low = t + (static_cast<uint64_t>(len) << 3);
   Store64(a + kBitsOffset, low);
   uint64_t high = Load64(a + kBitsOffset + 8);
-  if (low < t) ++high;
+  if (low < t)
+    ++high;
   high += len >> 29;
   Store64(a + kBitsOffset + 8, high);
 
@@ -225,7 +230,8 @@ void FinalOutput(unsigned char out[16], unsigned char* a) {
 }  // namespace
 
 void byteReverse(unsigned char* p, unsigned n) {
-  if (n == 0) return;
+  if (n == 0)
+    return;
   // Each 8-byte store of a zero-extended 32-bit value clears the 4 bytes
   // that the next step then reads, so after the first step every value is 0:
   // the first word keeps its bytes and the following 4n bytes are cleared.
@@ -255,7 +261,8 @@ void MD5Final(unsigned char out[16], Md5WorkArea* ctx) {
 
 void MD5Transform(uint64_t state[4], const unsigned char* in) {
   uint64_t x[16];
-  for (int k = 0; k < 16; ++k) x[k] = Load64(in + 8 * k);
+  for (int k = 0; k < 16; ++k)
+    x[k] = Load64(in + 8 * k);
   Rounds(state, x);
 }
 
@@ -276,7 +283,8 @@ int mdfile(FILE* stream, unsigned char out[16]) {
 
 int md_filename(const char* path, unsigned char out[16]) {
   DigestStream file;
-  if (!file.Open(path)) return -1;
+  if (!file.Open(path))
+    return -1;
   return mdfile(file.get(), out);
 }
 
@@ -297,7 +305,8 @@ bool DigestStream::Open(const char* path, int dir_fd, char* buffer) {
   // O_NONBLOCK only so that opening a FIFO cannot wait for a writer; such
   // files are refused right below, and it has no effect on regular files.
   int fd = ::openat(dir_fd, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return false;
+  if (fd < 0)
+    return false;
   if (::fstat(fd, &status_) != 0 || !(S_ISREG(status_.st_mode) || S_ISDIR(status_.st_mode))) {
     ::close(fd);
     status_ = {};
@@ -309,13 +318,16 @@ bool DigestStream::Open(const char* path, int dir_fd, char* buffer) {
     status_ = {};
     return false;
   }
-  if (!buffer) buffer = own_buffer_ = static_cast<char*>(std::malloc(kDigestStdioBufferSize));
-  if (buffer) (void)std::setvbuf(file_, buffer, _IOFBF, kDigestStdioBufferSize);
+  if (!buffer)
+    buffer = own_buffer_ = static_cast<char*>(std::malloc(kDigestStdioBufferSize));
+  if (buffer)
+    (void)std::setvbuf(file_, buffer, _IOFBF, kDigestStdioBufferSize);
   return true;
 }
 
 void DigestStream::Close() {
-  if (file_) std::fclose(file_);
+  if (file_)
+    std::fclose(file_);
   file_ = nullptr;
   std::free(own_buffer_);  // only after fclose: the stream uses it until then
   own_buffer_ = nullptr;
@@ -367,8 +379,10 @@ void TransformPortable(Lanes state[4], const Lanes (*rows)[16], int count) {
 #define WL_HAVE_AVX2_KERNEL 1
 [[gnu::target("avx2")]] void TransformAvx2(Lanes state[4], const Lanes (*rows)[16], int count) {
   Lanes s[4] = {state[0], state[1], state[2], state[3]};
-  for (int r = 0; r < count; ++r) Rounds(s, rows[r]);
-  for (int i = 0; i < 4; ++i) state[i] = s[i];
+  for (int r = 0; r < count; ++r)
+    Rounds(s, rows[r]);
+  for (int i = 0; i < 4; ++i)
+    state[i] = s[i];
 }
 #endif
 
@@ -376,7 +390,8 @@ using TransformKernel = void (*)(Lanes state[4], const Lanes (*rows)[16], int co
 
 TransformKernel DetectedKernel() {
 #ifdef WL_HAVE_AVX2_KERNEL
-  if (__builtin_cpu_supports("avx2")) return TransformAvx2;
+  if (__builtin_cpu_supports("avx2"))
+    return TransformAvx2;
 #endif
   return TransformPortable;
 }
@@ -419,18 +434,22 @@ struct DigestBatch::Impl {
     int l;
     void operator()(unsigned char* area) const {
       Lane& lane = impl->lanes[l];
-      if (lane.queued >= kRows) std::abort();  // the fill rule makes this unreachable
+      if (lane.queued >= kRows)
+        std::abort();  // the fill rule makes this unreachable
       Lanes* row = impl->rows[lane.queued++];
-      for (int k = 0; k < 16; ++k) row[k][l] = Load64(area + kMd5InOffset + 8 * k);
+      for (int k = 0; k < 16; ++k)
+        row[k][l] = Load64(area + kMd5InOffset + 8 * k);
     }
   };
 
   bool Start(int l, const char* path, int dir_fd, void* target) {
     Lane& lane = lanes[l];
-    if (!lane.stream.Open(path, dir_fd, lane.stdio_buffer.get())) return false;
+    if (!lane.stream.Open(path, dir_fd, lane.stdio_buffer.get()))
+      return false;
     std::memset(lane.area.bytes, 0, sizeof lane.area.bytes);
     MD5Init(&lane.area);
-    for (int i = 0; i < 4; ++i) state[i][l] = Load64(lane.area.bytes + kBufOffset + 8 * i);
+    for (int i = 0; i < 4; ++i)
+      state[i][l] = Load64(lane.area.bytes + kBufOffset + 8 * i);
     lane.target = target;
     lane.active = true;
     lane.finishing = false;
@@ -461,7 +480,8 @@ struct DigestBatch::Impl {
 
   void Complete(int l) {
     Lane& lane = lanes[l];
-    for (int i = 0; i < 4; ++i) Store64(lane.area.bytes + kBufOffset + 8 * i, state[i][l]);
+    for (int i = 0; i < 4; ++i)
+      Store64(lane.area.bytes + kBufOffset + 8 * i, state[i][l]);
     unsigned char out[16];
     FinalOutput(out, lane.area.bytes);
     char text[33];
@@ -474,22 +494,27 @@ struct DigestBatch::Impl {
   // Fills every busy lane, runs the transforms all of them have queued, and
   // completes the lanes whose files are done.
   void Pump() {
-    if (active == 0) return;
+    if (active == 0)
+      return;
     int count = kRows;
     int most = 0;
     for (int l = 0; l < kLanes; ++l) {
-      if (!lanes[l].active) continue;
+      if (!lanes[l].active)
+        continue;
       Fill(l);
       count = std::min(count, lanes[l].queued);
       most = std::max(most, lanes[l].queued);
     }
     // Idle lanes compute on stale rows; their state is reset when they start.
     g_kernel(state, rows, count);
-    if (most > count) std::memmove(rows[0], rows[count], sizeof rows[0] * (most - count));
+    if (most > count)
+      std::memmove(rows[0], rows[count], sizeof rows[0] * (most - count));
     for (int l = 0; l < kLanes; ++l) {
-      if (!lanes[l].active) continue;
+      if (!lanes[l].active)
+        continue;
       lanes[l].queued -= count;
-      if (lanes[l].queued == 0 && lanes[l].finishing) Complete(l);
+      if (lanes[l].queued == 0 && lanes[l].finishing)
+        Complete(l);
     }
   }
 };
@@ -499,13 +524,16 @@ DigestBatch::DigestBatch(Done done) : impl_(std::make_unique<Impl>(done)) {}
 DigestBatch::~DigestBatch() { Finish(); }
 
 bool DigestBatch::Add(const char* path, void* target, int dir_fd) {
-  while (impl_->active == kLanes) impl_->Pump();
+  while (impl_->active == kLanes)
+    impl_->Pump();
   for (int l = 0; l < kLanes; ++l) {
-    if (!impl_->lanes[l].active) return impl_->Start(l, path, dir_fd, target);
+    if (!impl_->lanes[l].active)
+      return impl_->Start(l, path, dir_fd, target);
   }
   return false;  // not reached: a lane is free after the loop above
 }
 
 void DigestBatch::Finish() {
-  while (impl_->active > 0) impl_->Pump();
+  while (impl_->active > 0)
+    impl_->Pump();
 }

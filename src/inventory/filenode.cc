@@ -16,7 +16,8 @@ FileNode* NewFileNode(const char* key) {
 }
 
 void FreeFileNode(void* record) {
-  if (!record) return;
+  if (!record)
+    return;
   auto* node = static_cast<FileNode*>(record);
   safe_free(&node->path);
   safe_free(&node->dir);
@@ -27,7 +28,8 @@ void FreeFileNode(void* record) {
 }
 
 void FreeBNode(void* record) {
-  if (!record) return;
+  if (!record)
+    return;
   auto* node = static_cast<DirNode*>(record);
   safe_free(&node->key);
   std::memset(node, 0, sizeof *node);

@@ -31,16 +31,15 @@ std::vector<std::unique_ptr<DigestStream>>& KeptOpenFiles() {
   return files;
 }
 
-long ParseNumber(const std::string& word) {
-  return std::strtol(word.c_str(), nullptr, 10);
-}
+long ParseNumber(const std::string& word) { return std::strtol(word.c_str(), nullptr, 10); }
 
 // Fills one record from a record line (already stripped).
 void ParseRecordLine(const char* line, FileNode* node) {
   std::string path;
   for (int i = 1; i <= 6; ++i) {
     std::string word = GetWord(line, ";", i, i);
-    if (word.empty()) break;
+    if (word.empty())
+      break;
     StripChar(word, " ", 2);
     switch (i) {
       case 1:
@@ -72,13 +71,16 @@ void ParseRecordLine(const char* line, FileNode* node) {
 // line naming the machine.
 bool RootMatchesWorkDir(const char* name) {
   DigestStream file;
-  if (!file.Open(name)) return false;
+  if (!file.Open(name))
+    return false;
   char line[kHeaderLineSize];
   while (std::fgets(line, sizeof line, file.get())) {
     StripChar(line, " \t\r\n", 2);
     const char* root = std::strstr(line, kModuleRootTag);
-    if (root && IsEqual(root + std::strlen(kModuleRootTag), WorkDir.c_str(), 0)) return true;
-    if (std::strstr(line, "MachineName")) return false;
+    if (root && IsEqual(root + std::strlen(kModuleRootTag), WorkDir.c_str(), 0))
+      return true;
+    if (std::strstr(line, "MachineName"))
+      return false;
   }
   return false;
 }
@@ -94,7 +96,8 @@ int WriteFileTree(void* record, uint32_t /*depth*/, void* arg) {
 }
 
 void LoadFileTree(Bintree* tree, const char* fileName) {
-  if (!fileName || !*fileName) return;
+  if (!fileName || !*fileName)
+    return;
   std::printf("Loading comparison data: %s\n", fileName);
   auto file = std::make_unique<DigestStream>();
   if (!file->Open(fileName)) {
@@ -107,7 +110,8 @@ void LoadFileTree(Bintree* tree, const char* fileName) {
   char line[kLoadLineSize];
   while (std::fgets(line, sizeof line, stream)) {
     StripChar(line, "\n\r ", 1);
-    if (std::strchr(line, '=')) continue;
+    if (std::strchr(line, '='))
+      continue;
     FileNode* node = NewFileNode(nullptr);
     ParseRecordLine(line, node);
     if (InsBintree(tree, node) != 0) {
@@ -123,11 +127,13 @@ void FindOldFileName(const char* newName, std::string& nameBuffer) {
   nameBuffer.clear();
 
   size_t star = pattern.find('*');
-  if (star == std::string::npos) return;
+  if (star == std::string::npos)
+    return;
   const std::string prefix = pattern.substr(0, star);
 
   UniqueDir listing(opendir("."));
-  if (!listing) return;
+  if (!listing)
+    return;
 
   std::string best;
   struct stat status {};
@@ -137,18 +143,25 @@ void FindOldFileName(const char* newName, std::string& nameBuffer) {
     entry_path.assign("./").append(name);
     // A failed lstat leaves the previous entry's status in place.
     struct stat probe;
-    if (lstat(entry_path.c_str(), &probe) == 0) status = probe;
-    if (status.st_mode & kDirectoryBit) continue;
-    if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
+    if (lstat(entry_path.c_str(), &probe) == 0)
+      status = probe;
+    if (status.st_mode & kDirectoryBit)
+      continue;
+    if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0)
+      continue;
     // ".bom.data" with a full stop: the names this program writes end in
     // "-bom.data" and so are found only when the job or machine name holds
     // ".bom.data". Kept as it is.
-    if (!std::strstr(name, kInventoryTag)) continue;
-    if (std::strcmp(name, best.c_str()) <= 0) continue;
-    if (newName && std::strcmp(name, newName) == 0) continue;
+    if (!std::strstr(name, kInventoryTag))
+      continue;
+    if (std::strcmp(name, best.c_str()) <= 0)
+      continue;
+    if (newName && std::strcmp(name, newName) == 0)
+      continue;
     // best advances before the content is looked at: a greater name whose
     // root does not match hides smaller matching names listed after it.
     best = name;
-    if (RootMatchesWorkDir(best.c_str())) nameBuffer = best;
+    if (RootMatchesWorkDir(best.c_str()))
+      nameBuffer = best;
   }
 }

@@ -16,10 +16,12 @@ void WriteLine(FILE* report, const char* format, const FileNode* node) {
 }
 
 bool Changed(const FileNode* current, const FileNode* earlier) {
-  if (!IsEqual(current->digest, earlier->digest, 0)) return true;
+  if (!IsEqual(current->digest, earlier->digest, 0))
+    return true;
   // Equal digests count only when present; unreadable both times, the
   // version decides.
-  if (current->digest[0] == '\0') return !IsEqual(current->version, earlier->version, 0);
+  if (current->digest[0] == '\0')
+    return !IsEqual(current->version, earlier->version, 0);
   return false;
 }
 
@@ -27,7 +29,8 @@ bool Changed(const FileNode* current, const FileNode* earlier) {
 
 int Deleted(void* record, uint32_t /*depth*/, void* arg) {
   auto* node = static_cast<FileNode*>(record);
-  if (!FindKey(FileTree, node->path)) WriteLine(static_cast<FILE*>(arg), kDeletedFormat, node);
+  if (!FindKey(FileTree, node->path))
+    WriteLine(static_cast<FILE*>(arg), kDeletedFormat, node);
   return 0;
 }
 

@@ -24,8 +24,8 @@ constexpr mode_t kDirectoryBit = 0x4000;
 // Makes the record of curDir/entryName and links it into tree; null when the
 // key is already present (the new record is then released). `full` receives
 // the file's path with forward slashes.
-FileNode* LinkRecord(Bintree* tree, const char* rootDir, const char* curDir,
-                     const char* entryName, std::string& full) {
+FileNode* LinkRecord(Bintree* tree, const char* rootDir, const char* curDir, const char* entryName,
+                     std::string& full) {
   full.assign(curDir).append("/").append(entryName);
   ReplaceSlash(full);
   FileNode* node = NewFileNode(full.c_str());
@@ -67,8 +67,10 @@ int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, Digest
   std::vector<std::string> names;
   {
     UniqueDir listing(opendir(dir.c_str()));
-    if (!listing) return 0;
-    while (dirent* entry = readdir(listing.get())) names.emplace_back(entry->d_name);
+    if (!listing)
+      return 0;
+    while (dirent* entry = readdir(listing.get()))
+      names.emplace_back(entry->d_name);
   }
   // Held only while this directory's own entries are examined: it is closed
   // before each descent and opened again after, so depth costs no
@@ -83,10 +85,10 @@ int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, Digest
     entry_path.assign(dir).append("/").append(name);
     // A failed lstat leaves the previous entry's status in place.
     struct stat probe;
-    int rc = dir_fd.get() >= 0
-                 ? fstatat(dir_fd.get(), name.c_str(), &probe, AT_SYMLINK_NOFOLLOW)
-                 : lstat(entry_path.c_str(), &probe);
-    if (rc == 0) status = probe;
+    int rc = dir_fd.get() >= 0 ? fstatat(dir_fd.get(), name.c_str(), &probe, AT_SYMLINK_NOFOLLOW)
+                               : lstat(entry_path.c_str(), &probe);
+    if (rc == 0)
+      status = probe;
 
     bool directory = (status.st_mode & kDirectoryBit) != 0;
     if (!directory && name != "harvest.sig") {
@@ -123,9 +125,11 @@ int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree) {
 void Add2FileTree(Bintree* tree, const char* rootDir, const char* curDir, const char* entryName) {
   std::string full;
   FileNode* node = LinkRecord(tree, rootDir, curDir, entryName, full);
-  if (!node) return;
+  if (!node)
+    return;
   DigestStream file;
-  if (!file.Open(full.c_str())) return;
+  if (!file.Open(full.c_str()))
+    return;
   unsigned char digest[16];
   (void)mdfile(file.get(), digest);  // a read error still stores the digest
   file.Close();

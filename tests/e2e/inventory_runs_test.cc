@@ -3,6 +3,7 @@
 // deleted, added and changed in between.
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -10,8 +11,6 @@
 #include <algorithm>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "testlib/testlib.h"
 
@@ -26,7 +25,8 @@ const std::string kAbcDigest = "a5bfcc84" + std::string(24, '0');
 const std::string kEmptyDigest = "e4c23762" + std::string(24, '0');
 std::string AllBytes() {
   std::string s;
-  for (int i = 0; i < 256; ++i) s += static_cast<char>(i);
+  for (int i = 0; i < 256; ++i)
+    s += static_cast<char>(i);
   return s;
 }
 const std::string kAllBytesDigest = "0ade47b4" + std::string(24, '0');
@@ -43,8 +43,9 @@ class InventoryRuns : public ::testing::Test {
 
   // One whole run; uploads go to a closed loopback port and fail at once.
   wltest::RunResult Run(const std::string& job, const std::string& build_arg) {
-    auto r = wltest::RunTool({"-b", build_arg, "-lj", job, "-lm", "m1", "-ld", "2026-01-02 03:04:05"},
-                             wltest::ToolEnv(home_, "http://127.0.0.1:1"), start_);
+    auto r =
+        wltest::RunTool({"-b", build_arg, "-lj", job, "-lm", "m1", "-ld", "2026-01-02 03:04:05"},
+                        wltest::ToolEnv(home_, "http://127.0.0.1:1"), start_);
     EXPECT_EQ(r.status, 0) << r.out;
     return r;
   }
@@ -91,14 +92,16 @@ class InventoryRuns : public ::testing::Test {
   std::vector<std::string> ListingOrder() {
     std::vector<std::string> names;
     DIR* d = opendir(start_.c_str());
-    while (dirent* e = readdir(d)) names.push_back(e->d_name);
+    while (dirent* e = readdir(d))
+      names.push_back(e->d_name);
     closedir(d);
     return names;
   }
 
   static constexpr char kHeader[] = "SCMType=NONE\nMachineName=m1\nBuildLabel=\nBuildNumber=\n";
   std::string InventoryHeader() {
-    return "SCMType=NONE\nModuleRootDir=" + build_ + "\nMachineName=m1\nBuildLabel=\nBuildNumber=\n";
+    return "SCMType=NONE\nModuleRootDir=" + build_ +
+           "\nMachineName=m1\nBuildLabel=\nBuildNumber=\n";
   }
 
   wltest::TempDir dir_;
@@ -131,7 +134,9 @@ TEST_F(InventoryRuns, SecondRunReportsExactlyWhatChanged) {
   WriteFile(build_ + "/change.c", AllBytes());
   WriteFile(build_ + "/sub/new.c", "");
   // A new time with the same content is not a change.
-  struct utimbuf times {1000000000, 1000000000};
+  struct utimbuf times {
+    1000000000, 1000000000
+  };
   ASSERT_EQ(utime((build_ + "/keep.c").c_str(), &times), 0);
   RemoveEarlierReports();
 
@@ -144,9 +149,9 @@ TEST_F(InventoryRuns, SecondRunReportsExactlyWhatChanged) {
       << second.out;
   // The report keeps its own counter (01: the earlier one was removed); the
   // inventory is numbered 02.
-  EXPECT_EQ(Output("job.bom.data", 1, "diff.data"),
-            std::string(kHeader) + "D;" + deleted_fields + "C;" +
-                Fields("change.c", kAllBytesDigest) + "A;" + Fields("sub/new.c", kEmptyDigest));
+  EXPECT_EQ(Output("job.bom.data", 1, "diff.data"), std::string(kHeader) + "D;" + deleted_fields +
+                                                        "C;" + Fields("change.c", kAllBytesDigest) +
+                                                        "A;" + Fields("sub/new.c", kEmptyDigest));
   EXPECT_EQ(Output("job.bom.data", 2, "bom.data"),
             InventoryHeader() + Fields("change.c", kAllBytesDigest) +
                 Fields("keep.c", 3, 1000000000, kAbcDigest) + Fields("sub/keep.h", kEmptyDigest) +
@@ -165,9 +170,7 @@ TEST_F(InventoryRuns, AnEarlierReportListedFirstHidesTheInventory) {
   };
   bool report_first = pos("diff.data") < pos("bom.data");
   auto second = Run();
-  std::string want = report_first
-                         ? ""
-                         : std::string("job.bom.data-m1-") + kStamp + "-01-bom.data";
+  std::string want = report_first ? "" : std::string("job.bom.data-m1-") + kStamp + "-01-bom.data";
   EXPECT_NE(second.out.find("\nOldFileName=" + want + "\n"), std::string::npos) << second.out;
   EXPECT_EQ(Output("job.bom.data", 2, "diff.data"),
             std::string(kHeader) + (report_first ? "A;" + Fields("a.c", kAbcDigest) : ""));

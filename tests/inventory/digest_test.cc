@@ -1,13 +1,12 @@
 #include "inventory/digest.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstring>
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "testlib/testlib.h"
 
@@ -28,14 +27,16 @@ std::string DigestOfFile(const std::string& path) {
 
 std::string PatternBytes(size_t n) {
   std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(((i * 7 + 3) ^ (i >> 8)) & 0xff);
+  for (size_t i = 0; i < n; ++i)
+    s[i] = static_cast<char>(((i * 7 + 3) ^ (i >> 8)) & 0xff);
   return s;
 }
 
 std::string RandomBytes(size_t n, unsigned seed) {
   std::mt19937 gen(seed);
   std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(gen() & 0xff);
+  for (auto& c : s)
+    c = static_cast<char>(gen() & 0xff);
   return s;
 }
 
@@ -65,16 +66,18 @@ class ReferenceDigest {
  private:
   uint64_t Get(size_t off) const {
     uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) v = v << 8 | area_[off + i];
+    for (int i = 7; i >= 0; --i)
+      v = v << 8 | area_[off + i];
     return v;
   }
   void Set(size_t off, uint64_t v) {
-    for (int i = 0; i < 8; ++i) area_[off + i] = static_cast<unsigned char>(v >> (8 * i));
+    for (int i = 0; i < 8; ++i)
+      area_[off + i] = static_cast<unsigned char>(v >> (8 * i));
   }
   void Reverse(size_t off, unsigned n) {
     for (unsigned k = 0; k < n; ++k) {
-      uint32_t v = area_[off + 4 * k] | area_[off + 4 * k + 1] << 8 |
-                   area_[off + 4 * k + 2] << 16 | static_cast<uint32_t>(area_[off + 4 * k + 3]) << 24;
+      uint32_t v = area_[off + 4 * k] | area_[off + 4 * k + 1] << 8 | area_[off + 4 * k + 2] << 16 |
+                   static_cast<uint32_t>(area_[off + 4 * k + 3]) << 24;
       Set(off + 4 * k, v);
     }
   }
@@ -92,7 +95,8 @@ class ReferenceDigest {
         0xeb86d391};
     static const int kS[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
     uint64_t x[16];
-    for (int k = 0; k < 16; ++k) x[k] = Get(48 + 8 * k);
+    for (int k = 0; k < 16; ++k)
+      x[k] = Get(48 + 8 * k);
     uint64_t v[4] = {Get(0), Get(8), Get(16), Get(24)};
     for (int i = 0; i < 64; ++i) {
       int round = i / 16;
@@ -121,12 +125,14 @@ class ReferenceDigest {
       v[2] = b;
       v[1] = a_new;
     }
-    for (int i = 0; i < 4; ++i) Set(8 * i, Get(8 * i) + v[i]);
+    for (int i = 0; i < 4; ++i)
+      Set(8 * i, Get(8 * i) + v[i]);
   }
   void Update(size_t data, uint32_t len) {
     uint64_t t = Get(32);
     Set(32, t + (uint64_t{len} << 3));
-    if (Get(32) < t) Set(40, Get(40) + 1);
+    if (Get(32) < t)
+      Set(40, Get(40) + 1);
     Set(40, Get(40) + (len >> 29));
     t = (t >> 3) & 63;
     if (t) {
@@ -182,7 +188,8 @@ struct KnownAnswer {
 
 std::vector<KnownAnswer> KnownAnswers() {
   std::string all_bytes;
-  for (int i = 0; i < 256; ++i) all_bytes += static_cast<char>(i);
+  for (int i = 0; i < 256; ++i)
+    all_bytes += static_cast<char>(i);
   return {
       {"empty", "", "e4c23762" + Zeros(24)},
       {"abc", "abc", "a5bfcc84" + Zeros(24)},
@@ -217,7 +224,8 @@ TEST(Digest, MatchesReferenceForEveryLengthAroundTheBlockBoundaries) {
   wltest::TempDir dir;
   std::string path = dir / "f";
   std::vector<size_t> lengths;
-  for (size_t n = 0; n <= 200; ++n) lengths.push_back(n);
+  for (size_t n = 0; n <= 200; ++n)
+    lengths.push_back(n);
   for (size_t n : {1000, 1023, 1024, 1025, 1079, 1080, 1087, 1088, 2047, 2048, 2049, 5000, 70000}) {
     lengths.push_back(n);
   }
@@ -275,7 +283,8 @@ TEST(Digest, MdFilenameLeavesTheOutputAloneWhenTheFileCannotBeOpened) {
   unsigned char out[16];
   std::memset(out, 0x5a, sizeof out);
   EXPECT_EQ(md_filename((dir / "missing").c_str(), out), -1);
-  for (unsigned char b : out) EXPECT_EQ(b, 0x5a);
+  for (unsigned char b : out)
+    EXPECT_EQ(b, 0x5a);
 }
 
 TEST(Digest, DirectoryOpensButReportsAReadErrorWithTheEmptyDigest) {
@@ -343,7 +352,8 @@ TEST_P(DigestBatchKernels, EqualsSingleFileDigestsForMixedSizes) {
       r->calls++;
       EXPECT_EQ(rc, 0);
     });
-    for (size_t i = 0; i < paths.size(); ++i) ASSERT_TRUE(batch.Add(paths[i].c_str(), &results[i]));
+    for (size_t i = 0; i < paths.size(); ++i)
+      ASSERT_TRUE(batch.Add(paths[i].c_str(), &results[i]));
     ASSERT_FALSE(batch.Add((dir / "missing").c_str(), nullptr));
     // The destructor finishes what is queued.
   }
@@ -357,7 +367,9 @@ TEST_P(DigestBatchKernels, EqualsSingleFileDigestsForMixedSizes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, DigestBatchKernels, ::testing::Values(false, true),
-                         [](const auto& param_info) { return param_info.param ? "Portable" : "Detected"; });
+                         [](const auto& param_info) {
+                           return param_info.param ? "Portable" : "Detected";
+                         });
 
 TEST(DigestBatch, ReportsTheReadErrorOfADirectory) {
   wltest::TempDir dir;

@@ -1,6 +1,7 @@
 #include "inventory/inventory.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -8,8 +9,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "driver/settings.h"
 #include "testlib/inventory_fixtures.h"
@@ -63,8 +62,11 @@ TEST(WriteFileTree, WritesDirNameSizeTimeDigestVersion) {
 TEST(LoadFileTree, ReadsRecordLinesAndSkipsHeaderLines) {
   auto loaded = Load(
       "SCMType=NONE\nModuleRootDir=/w\nMachineName=m\nBuildLabel=\n"
-      "/w;src/b.c;10;20; " + kDigest + "; 1.4;\n"
-      "/w;a.c;1;2; " + kDigest + "; ;\n");
+      "/w;src/b.c;10;20; " +
+      kDigest +
+      "; 1.4;\n"
+      "/w;a.c;1;2; " +
+      kDigest + "; ;\n");
   EXPECT_EQ(loaded.records,
             (std::vector<RecordFields>{{"/w/a.c", "/w", "a.c", "", kDigest, 2, 1},
                                        {"/w/src/b.c", "/w", "src/b.c", "1.4", kDigest, 20, 10}}));
@@ -77,28 +79,37 @@ TEST(LoadFileTree, EveryKindOfLine) {
     std::vector<RecordFields> want;
   };
   const std::vector<Case> cases = {
-      {"blank words are trimmed to nothing", "r;a.c;10;20; ; ;\n",
+      {"blank words are trimmed to nothing",
+       "r;a.c;10;20; ; ;\n",
        {{"r/a.c", "r", "a.c", "", "", 20, 10}}},
       {"a path holding = is not a record", "r;a=b.c;1;2; d; v;\n", {}},
       {"a line of blanks is a record with an empty key", "    \n", {{"", "", "", "", "", 0, 0}}},
       {"an empty line too", "\n", {{"", "", "", "", "", 0, 0}}},
-      {"carriage returns and trailing blanks go", "r;a.c;1;2; d; v;  \r\n",
+      {"carriage returns and trailing blanks go",
+       "r;a.c;1;2; d; v;  \r\n",
        {{"r/a.c", "r", "a.c", "v", "d", 2, 1}}},
       {"runs of ; separate as one", "r;;a.c;;;5;6;d;v\n", {{"r/a.c", "r", "a.c", "v", "d", 6, 5}}},
       {"missing words stay empty", "r;a.c\n", {{"r/a.c", "r", "a.c", "", "", 0, 0}}},
       {"only a root", "r\n", {{"", "r", "", "", "", 0, 0}}},
-      {"words after the sixth are ignored", "r;a.c;1;2;d;v;extra;more\n",
+      {"words after the sixth are ignored",
+       "r;a.c;1;2;d;v;extra;more\n",
        {{"r/a.c", "r", "a.c", "v", "d", 2, 1}}},
-      {"numbers take leading digits", "r;a.c;12abc;x9; d;\n", {{"r/a.c", "r", "a.c", "", "d", 0, 12}}},
+      {"numbers take leading digits",
+       "r;a.c;12abc;x9; d;\n",
+       {{"r/a.c", "r", "a.c", "", "d", 0, 12}}},
       {"negative numbers", "r;a.c;-5;-6; d;\n", {{"r/a.c", "r", "a.c", "", "d", -6, -5}}},
-      {"backslashes become slashes in the key only", "r\\x;s\\a.c;1;2; d; ;\n",
+      {"backslashes become slashes in the key only",
+       "r\\x;s\\a.c;1;2; d; ;\n",
        {{"r/x/s/a.c", "r\\x", "s\\a.c", "", "d", 2, 1}}},
-      {"words are trimmed of blanks, not tabs", "r; a.c\t;1;2; d ; v ;\n",
+      {"words are trimmed of blanks, not tabs",
+       "r; a.c\t;1;2; d ; v ;\n",
        {{"r/a.c\t", "r", "a.c\t", "v", "d", 2, 1}}},
       {"a last line without newline", "r;a.c;1;2; d; v;", {{"r/a.c", "r", "a.c", "v", "d", 2, 1}}},
-      {"bytes after a NUL are ignored", std::string("r;a.c;1;2\0;3; d; v;\n", 20),
+      {"bytes after a NUL are ignored",
+       std::string("r;a.c;1;2\0;3; d; v;\n", 20),
        {{"r/a.c", "r", "a.c", "", "", 2, 1}}},
-      {"bytes above 0x7f are kept", "r;\xe9\xff.c;1;2; d; v;\n",
+      {"bytes above 0x7f are kept",
+       "r;\xe9\xff.c;1;2; d; v;\n",
        {{"r/\xe9\xff.c", "r", "\xe9\xff.c", "v", "d", 2, 1}}},
   };
   for (const auto& c : cases) {
@@ -114,8 +125,8 @@ TEST(LoadFileTree, TheFirstLineOfAKeyWins) {
 TEST(LoadFileTree, LongLinesArriveInPiecesOf4095Bytes) {
   std::string name(5000, 'n');
   auto loaded = Load("r;" + name + ";1;2; d; v;\n");
-  std::string first_part(4093, 'n');   // 4,095 bytes minus "r;"
-  std::string second_part(907, 'n');   // the rest of the name
+  std::string first_part(4093, 'n');  // 4,095 bytes minus "r;"
+  std::string second_part(907, 'n');  // the rest of the name
   // Walk order: "nnn.../1" sorts before "r/...".
   EXPECT_TRUE(loaded.records ==
               (std::vector<RecordFields>{{second_part + "/1", second_part, "1", "", "v", 0, 2},
@@ -125,9 +136,11 @@ TEST(LoadFileTree, LongLinesArriveInPiecesOf4095Bytes) {
 TEST(LoadFileTree, BinaryAndEndlessContentLoadsWithoutHarm) {
   std::mt19937 gen(3);
   std::string binary(300000, '\0');
-  for (auto& c : binary) c = static_cast<char>(gen() & 0xff);
+  for (auto& c : binary)
+    c = static_cast<char>(gen() & 0xff);
   auto loaded = Load(binary);
-  for (const auto& r : loaded.records) EXPECT_LE(r.path.size(), 4096u);
+  for (const auto& r : loaded.records)
+    EXPECT_LE(r.path.size(), 4096u);
   std::string endless(1 << 20, 'x');
   auto long_line = Load(endless);
   EXPECT_EQ(long_line.records.size(), 1u);  // all pieces have the same key; the first wins
@@ -136,7 +149,8 @@ TEST(LoadFileTree, BinaryAndEndlessContentLoadsWithoutHarm) {
 TEST(LoadFileTree, PrintsWhatItLoads) {
   auto loaded = Load("r;a.c;1;2; d; ;\n");
   EXPECT_EQ(loaded.out.rfind("Loading comparison data: ", 0), 0u);
-  EXPECT_EQ(loaded.out.substr(loaded.out.size() - std::strlen("/inv.bom.data\n")), "/inv.bom.data\n");
+  EXPECT_EQ(loaded.out.substr(loaded.out.size() - std::strlen("/inv.bom.data\n")),
+            "/inv.bom.data\n");
 }
 
 TEST(LoadFileTree, AnEmptyNameDoesNothingAndAMissingFileIsReported) {
@@ -176,10 +190,9 @@ class FindOldFileNameTest : public ::testing::Test {
   void SetUp() override { WorkDir = "/build/w"; }
   void TearDown() override { ResetSettings(); }
 
-  void Inventory(const std::string& name, const std::string& root,
-                 const std::string& before = "") {
-    WriteFile(dir_ / name, before + "SCMType=NONE\nModuleRootDir=" + root +
-                               "\nMachineName=M\nBuildLabel=\n");
+  void Inventory(const std::string& name, const std::string& root, const std::string& before = "") {
+    WriteFile(dir_ / name,
+              before + "SCMType=NONE\nModuleRootDir=" + root + "\nMachineName=M\nBuildLabel=\n");
   }
   std::string Find(const std::string& pattern, const std::string& new_name = "T-M-x-01-bom.data") {
     ScopedCwd cwd(dir_.path());
@@ -191,7 +204,8 @@ class FindOldFileNameTest : public ::testing::Test {
   std::vector<std::string> ListingOrder() {
     std::vector<std::string> names;
     DIR* d = opendir(dir_.path().c_str());
-    while (dirent* e = readdir(d)) names.push_back(e->d_name);
+    while (dirent* e = readdir(d))
+      names.push_back(e->d_name);
     closedir(d);
     return names;
   }
@@ -251,7 +265,9 @@ TEST_F(FindOldFileNameTest, DirectoriesAndFifosAreNotTaken) {
   // The FIFO becomes the best name when it is listed before T-M-1 (and then
   // hides it); it is never opened either way.
   auto order = ListingOrder();
-  auto pos = [&](const char* n) { return std::find(order.begin(), order.end(), n) - order.begin(); };
+  auto pos = [&](const char* n) {
+    return std::find(order.begin(), order.end(), n) - order.begin();
+  };
   EXPECT_EQ(found, pos("T-M-8.bom.data") < pos("T-M-1.bom.data") ? "" : "T-M-1.bom.data");
 }
 
@@ -259,7 +275,9 @@ TEST_F(FindOldFileNameTest, AGreaterNonMatchingNameListedFirstHidesASmallerMatch
   Inventory("T-M-1.bom.data", "/build/w");
   Inventory("T-M-2.bom.data", "/elsewhere");
   auto order = ListingOrder();
-  auto pos = [&](const char* n) { return std::find(order.begin(), order.end(), n) - order.begin(); };
+  auto pos = [&](const char* n) {
+    return std::find(order.begin(), order.end(), n) - order.begin();
+  };
   bool one_first = pos("T-M-1.bom.data") < pos("T-M-2.bom.data");
   EXPECT_EQ(Find("T-M-*"), one_first ? "T-M-1.bom.data" : "");
 }
@@ -267,7 +285,8 @@ TEST_F(FindOldFileNameTest, AGreaterNonMatchingNameListedFirstHidesASmallerMatch
 TEST_F(FindOldFileNameTest, BinaryAndEndlessCandidatesAreReadSafely) {
   std::mt19937 gen(11);
   std::string binary(1 << 20, '\0');
-  for (auto& c : binary) c = static_cast<char>(gen() & 0xff);
+  for (auto& c : binary)
+    c = static_cast<char>(gen() & 0xff);
   WriteFile(dir_ / "T-M-1.bom.data", binary);
   WriteFile(dir_ / "T-M-2.bom.data", std::string(3 << 20, 'x') + "\nModuleRootDir=/build/w\n");
   // Whichever is listed first, T-M-2 ends as the greatest name and matches.

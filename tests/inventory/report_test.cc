@@ -1,10 +1,10 @@
 #include "inventory/report.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "driver/settings.h"
 #include "testlib/inventory_fixtures.h"
@@ -58,9 +58,13 @@ TEST_F(ReportTest, DeletedAddedAndChangedLinesInTheirOrder) {
   now_.Add("/w", "changed.c", 70, 80, kB, "1.2");
   now_.Add("/w", "same.c", 9, 10, kA);
   now_.Add("/w", "new.c", 11, 12, kA);
-  EXPECT_EQ(Report(), "D;/w;gone.c;5;6; " + kA + "; 1.1;\n"
-                      "C;/w;changed.c;70;80; " + kB + "; 1.2;\n"
-                      "A;/w;new.c;11;12; " + kA + "; ;\n");
+  EXPECT_EQ(Report(), "D;/w;gone.c;5;6; " + kA +
+                          "; 1.1;\n"
+                          "C;/w;changed.c;70;80; " +
+                          kB +
+                          "; 1.2;\n"
+                          "A;/w;new.c;11;12; " +
+                          kA + "; ;\n");
 }
 
 TEST_F(ReportTest, TheComparisonRule) {
@@ -87,7 +91,8 @@ TEST_F(ReportTest, TheComparisonRule) {
     OldFileTree = before.get();
     before.Add("/w", "f", 1, 1, c.old_digest, c.old_version);
     now.Add("/w", "f", 2, 2, c.new_digest, c.new_version);
-    std::string want = c.changed ? "C;/w;f;2;2; " + c.new_digest + "; " + c.new_version + ";\n" : "";
+    std::string want =
+        c.changed ? "C;/w;f;2;2; " + c.new_digest + "; " + c.new_version + ";\n" : "";
     EXPECT_EQ(Report(), want) << c.what;
   }
 }

@@ -1,6 +1,7 @@
 #include "inventory/scan.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,8 +9,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "inventory/digest.h"
 #include "testlib/inventory_fixtures.h"
@@ -33,7 +32,8 @@ std::string DigestOf(const std::string& path) {
 
 std::vector<std::string> Names(const ScopedFileTree& tree) {
   std::vector<std::string> names;
-  for (const auto& r : tree.Records()) names.push_back(r.name);
+  for (const auto& r : tree.Records())
+    names.push_back(r.name);
   return names;
 }
 
@@ -51,8 +51,8 @@ TEST(Scan, SkipsHiddenDirectoriesCvsAndHarvestSignatures) {
   ScopedFileTree tree;
   Scan(dir, tree);
   EXPECT_EQ(Names(tree), (std::vector<std::string>{".profile", "Harvest.sig", "a.c", "cvs/d.c",
-                                                   "harvest.sig.d/e.c", "sub/.profile",
-                                                   "sub/b.c", "sub/cvsfile"}));
+                                                   "harvest.sig.d/e.c", "sub/.profile", "sub/b.c",
+                                                   "sub/cvsfile"}));
 }
 
 TEST(Scan, RecordsKeyRootNameDigestSizeAndTime) {
@@ -128,7 +128,8 @@ TEST(Scan, FifoIsRecordedWithoutBlockingAndWithoutDigest) {
 }
 
 TEST(Scan, UnreadableFileKeepsAnEmptyDigestAndZeros) {
-  if (geteuid() == 0) GTEST_SKIP() << "root reads files without read permission";
+  if (geteuid() == 0)
+    GTEST_SKIP() << "root reads files without read permission";
   TempDir dir;
   WriteFile(dir / "secret", "x");
   ASSERT_EQ(chmod((dir / "secret").c_str(), 0), 0);
@@ -139,7 +140,8 @@ TEST(Scan, UnreadableFileKeepsAnEmptyDigestAndZeros) {
 }
 
 TEST(Scan, UnreadableDirectoryAddsNothing) {
-  if (geteuid() == 0) GTEST_SKIP() << "root lists directories without read permission";
+  if (geteuid() == 0)
+    GTEST_SKIP() << "root lists directories without read permission";
   TempDir dir;
   WriteFile(dir / "closed/a", "x");
   WriteFile(dir / "open/b", "x");
@@ -151,9 +153,10 @@ TEST(Scan, UnreadableDirectoryAddsNothing) {
 
 TEST(Scan, AwkwardNamesKeepTheirBytesInTheKey) {
   TempDir dir;
-  const std::vector<std::string> names = {"semi;colon", "equals=sign", "two  blanks ",
-                                          "new\nline", "latin\xe9\xff", " lead"};
-  for (const auto& n : names) WriteFile(dir / n, n);
+  const std::vector<std::string> names = {"semi;colon", "equals=sign",   "two  blanks ",
+                                          "new\nline",  "latin\xe9\xff", " lead"};
+  for (const auto& n : names)
+    WriteFile(dir / n, n);
   ScopedFileTree tree;
   Scan(dir, tree);
   auto records = tree.Records();
@@ -181,7 +184,8 @@ TEST(Scan, BackslashesInNamesBecomeSlashesInTheKey) {
 TEST(Scan, PathsLongerThan1024BytesAreRecordedWhole) {
   TempDir dir;
   std::string rel;
-  for (int i = 0; i < 8; ++i) rel += std::string(200, static_cast<char>('a' + i)) + "/";
+  for (int i = 0; i < 8; ++i)
+    rel += std::string(200, static_cast<char>('a' + i)) + "/";
   rel += "leaf.c";
   WriteFile(dir / rel, "deep");
   ScopedFileTree tree;
@@ -226,7 +230,8 @@ TEST(Scan, TreeOfTwoHundredThousandFiles) {
   Scan(dir, tree);
   auto records = tree.Records();
   ASSERT_EQ(records.size(), static_cast<size_t>(kDirs * kPerDir));
-  for (const auto& r : records) ASSERT_EQ(r.digest, kEmptyDigest) << r;
+  for (const auto& r : records)
+    ASSERT_EQ(r.digest, kEmptyDigest) << r;
 }
 
 TEST(Add2FileTree, TheFirstRecordOfAKeyKeepsItsData) {
@@ -247,8 +252,8 @@ TEST(Add2FileTree, NameIsThePathBelowTheRoot) {
   ScopedFileTree tree;
   Add2FileTree(tree.get(), dir.path().c_str(), (dir / "sub").c_str(), "deeper/x");
   ASSERT_EQ(tree.Records().size(), 1u);
-  EXPECT_EQ(tree.Records()[0], (RecordFields{dir / "sub/deeper/x", dir.path(), "sub/deeper/x",
-                                             "", kEmptyDigest, tree.Records()[0].mtime, 0}));
+  EXPECT_EQ(tree.Records()[0], (RecordFields{dir / "sub/deeper/x", dir.path(), "sub/deeper/x", "",
+                                             kEmptyDigest, tree.Records()[0].mtime, 0}));
   EXPECT_NE(tree.Records()[0].mtime, 0);
 }
 

@@ -54,7 +54,8 @@ std::vector<RecordFields> ScopedFileTree::Records() const {
 
 std::vector<std::string> ScopedFileTree::Keys() const {
   std::vector<std::string> keys;
-  for (const auto& r : Records()) keys.push_back(r.path);
+  for (const auto& r : Records())
+    keys.push_back(r.path);
   return keys;
 }
 
