@@ -68,8 +68,7 @@ std::string& StripChar(std::string& text, const char* set, int mode);
 // may be the source buffer itself; it is returned. The std::string forms
 // return the same text.
 char* GetWord(const char* source, const char* delimiters, int first, int last, char* out);
-char* GetWordKeepDelim(const char* source, const char* delimiters, int first, int last,
-                       char* out);
+char* GetWordKeepDelim(const char* source, const char* delimiters, int first, int last, char* out);
 std::string GetWord(const char* source, const char* delimiters, int first, int last);
 std::string GetWordKeepDelim(const char* source, const char* delimiters, int first, int last);
 
