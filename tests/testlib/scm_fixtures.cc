@@ -227,4 +227,71 @@ std::string MakeCvsCheckout(const TempDir& dir) {
   return ok ? root + "/co" : "";
 }
 
+namespace {
+std::vector<std::string> SplitFields(const std::string& line) {
+  std::vector<std::string> fields;
+  size_t pos = 0;
+  while (pos <= line.size()) {
+    size_t end = line.find(';', pos);
+    if (end == std::string::npos) end = line.size();
+    std::string f = line.substr(pos, end - pos);
+    while (!f.empty() && f.front() == ' ') f.erase(0, 1);
+    fields.push_back(f);
+    pos = end + 1;
+  }
+  return fields;
+}
+
+ScmRecord ParseRecord(const std::string& tag, const std::string& line) {
+  std::vector<std::string> f = SplitFields(line);
+  f.resize(6);
+  return ScmRecord{tag, f[0], f[1], f[2], f[3], f[4], f[5]};
+}
+}  // namespace
+
+std::vector<ScmRecord> ReadInventoryRecords(const std::string& path) {
+  std::vector<ScmRecord> records;
+  std::istringstream in(ReadFile(path).value_or(""));
+  for (std::string line; std::getline(in, line);) {
+    if (line.find('=') != std::string::npos) continue;
+    records.push_back(ParseRecord("", line));
+  }
+  return records;
+}
+
+const ScmRecord* FindRecord(const std::vector<ScmRecord>& records, const std::string& name) {
+  for (const auto& r : records) {
+    if (r.name == name) return &r;
+  }
+  return nullptr;
+}
+
+RunResult RunInspection(const std::string& keyword, const std::string& build, const std::string& start,
+                        const std::string& home) {
+  MakeDirs(home);
+  return RunTool({"-c", keyword, "-b", build, "-lj", "job.bom.data", "-lm", "m", "-ld", "2026-01-02 03:04:05"},
+                 ToolEnv(home, std::string("http://127.0.0.1:1"), std::string("/usr/bin:/bin")), start);
+}
+
+std::string RunOutputName(const std::string& kind, int counter) {
+  char num[16];
+  std::snprintf(num, sizeof num, "%-2.2d", counter);
+  return "job.bom.data-m-2026-01-02 03_04_05-" + std::string(num) + "-" + kind + ".data";
+}
+
+std::string DetailBlock(const std::string& report, const std::string& name) {
+  std::istringstream in(report);
+  std::string block;
+  bool inside = false;
+  for (std::string line; std::getline(in, line);) {
+    if (!inside) {
+      if (line.rfind("C;", 0) == 0 && ParseRecord("C", line.substr(2)).name == name) inside = true;
+      continue;
+    }
+    block += line + "\n";
+    if (line == std::string(22, '!')) return block;
+  }
+  return "";
+}
+
 }  // namespace wltest

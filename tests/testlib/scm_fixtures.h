@@ -128,4 +128,25 @@ bool HaveTool(const std::string& name);
 std::string MakeSvnCheckout(const TempDir& dir);
 std::string MakeCvsCheckout(const TempDir& dir);
 
+// One record line of an inventory or change report:
+// "<tag>dir;name;size;mtime; digest; version;".
+struct ScmRecord {
+  std::string tag;  // "" for an inventory line, "A", "C" or "D" in a report
+  std::string dir, name, size, mtime, digest, version;
+};
+// The record lines of an inventory file (lines without "=").
+std::vector<ScmRecord> ReadInventoryRecords(const std::string& path);
+// The record with `name`, or null.
+const ScmRecord* FindRecord(const std::vector<ScmRecord>& records, const std::string& name);
+// Runs the built binary for a job named "job.bom.data" on machine "m" with
+// the given -c keyword and build directory; server at a closed loopback
+// port, PATH /usr/bin:/bin, HOME `home`.
+RunResult RunInspection(const std::string& keyword, const std::string& build, const std::string& start,
+                        const std::string& home);
+// Name of the numbered output of such a run ("bom" or "diff").
+std::string RunOutputName(const std::string& kind, int counter);
+// The change report's detail block after the "C;" line for `name`: every
+// line up to and including the 22-"!" separator, or "" when there is none.
+std::string DetailBlock(const std::string& report, const std::string& name);
+
 }  // namespace wltest
