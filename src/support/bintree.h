@@ -8,15 +8,27 @@
 //   InitBintreeNode (zero-filled) and freed with tfree.
 // - The head record's `greater` link holds the root; its `lesser` link is
 //   never written by the tree.
-// - The shape is exactly the one the plain descent gives: no balancing, so
-//   keys inserted in sorted order form a chain. An ordered index kept inside
-//   the tree finds the insertion point and answers lookups without walking
-//   such a chain; it never changes where a record is linked.
+// - A record's `lesser` subtree holds keys that compare smaller than its own;
+//   its `greater` subtree holds keys that compare greater or (when the tree
+//   allows duplicates) equal. Equal keys therefore sit in insertion order.
+// - The shape is exactly the one the plain descent from the root gives: no
+//   balancing, so keys inserted in sorted order form a chain, and
+//   DestroyBintree releases records in the order "root, then whatever
+//   replaced it". An ordered index of the records, kept inside the tree,
+//   finds insertion points, lookups and successors without walking such a
+//   chain; it never changes where a record is linked.
 // - The tree owns nothing: DestroyBintree frees the records (after the
 //   caller's release function) and the Bintree itself, the caller frees the
 //   head record.
-// - No operation recurses: walks and destruction use explicit stacks, so a
-//   chain of any length is safe.
+// - No operation recurses: walks use explicit heap stacks, so a chain of any
+//   length is safe, and no operation's cost grows with the tree's height.
+// - The comparator must order keys consistently (a total order on key texts)
+//   and must not change while records are linked; a record's key must not be
+//   changed while the record is linked. Visitors must not insert into or
+//   delete from the tree being walked.
+// - Allocation failure anywhere in the tree prints "Out of memory (tmalloc)"
+//   and ends the process with status 1, as tmalloc does.
+// - Single-threaded: no locks.
 
 #include <cstdint>
 
@@ -26,8 +38,9 @@ struct BintreeNode {
   char* key;             // safe string (see support/strings.h)
 };
 
-// compare(probe, node): negative, 0 or positive. May read only the `key`
-// field of the probe.
+// compare(probe, node): negative when the probe's key sorts before the
+// node's, 0 when equal, positive after. Only the sign is used. May read only
+// the `key` field of the probe (FindKey's probe has nothing else).
 using BintreeCompare = int32_t (*)(const void* probe, const void* node);
 // Visitors; their results are ignored.
 using BintreeVisit = int (*)(void* record, uint32_t depth, void* arg);
@@ -36,41 +49,83 @@ using BintreeVisit8 = int (*)(void* record, void* a1, void* a2, void* a3, void* 
                               void* a6, int32_t a7, void* a8);
 using BintreeRelease = void (*)(void* record);
 
-struct BintreeIndex;  // internal ordered index
+struct BintreeIndex;  // internal ordered index (support/bintree.cc)
 
 struct Bintree {
-  BintreeNode* head;
+  BintreeNode* head;  // head record; head->greater is the root
   BintreeCompare compare;
-  int32_t allowDuplicates;
-  uint16_t nodeSize;  // recorded only
-  BintreeIndex* index;
+  int32_t allowDuplicates;  // 0: an equal key is refused
+  uint16_t nodeSize;        // recorded only; no operation reads it
+  BintreeIndex* index;      // internal; never touch
 };
 
-// New tree over `head` (a record made with InitBintreeNode).
+// New tree over `head` (a record made with InitBintreeNode whose links are
+// normally null). The Bintree block comes from tmalloc and is freed by
+// DestroyBintree. A null `head` gets a bare head record that the tree owns and
+// DestroyBintree frees. Records already hanging from head->greater are taken
+// over as they are.
 Bintree* NewBintree(void* head, BintreeCompare compare, int32_t allowDuplicates, uint16_t nodeSize);
-// New zero-filled record of `size` bytes (a signed 16-bit size, as in the
-// old record layouts); free with tfree.
+
+// New zero-filled record of `size` bytes from tmalloc; free with tfree. The
+// size is a signed 16-bit value as in the old record layouts: a negative size,
+// or one smaller than BintreeNode, yields a zeroed record of exactly
+// sizeof(BintreeNode) bytes, so the links and the key can always be written.
 void* InitBintreeNode(int16_t size);
-// 0 when linked in; -1 when refused as a duplicate (tree unchanged, the
-// record stays with the caller).
+
+// Link `record` where the descent from the root puts it: smaller keys to
+// `lesser`, greater (and, when allowed, equal) keys to `greater`.
+// Returns 0 when linked in; -1 when refused (the tree is unchanged and the
+// record, untouched, stays with the caller, who must free it). Refused are:
+// a key equal to one in the tree when duplicates are not allowed, and a
+// record that is already linked in this tree (or is its head). A linked
+// record's own links are set to null first: they must be null anyway, and a
+// record handed back by DelBintree still carries its old ones.
 int InsBintree(Bintree* tree, void* record);
-// The first record on the search path whose key equals the probe's, or null.
+
+// The first record on the search path from the root whose key compares equal
+// to the probe's (with duplicates, the earliest of the equal ones in walk
+// order, which is the one nearest the root), or null.
 void* FindBintree(Bintree* tree, const void* probe);
-// FindBintree with a probe whose key is `key`.
+
+// FindBintree with a probe whose key is `key` (null is taken as "").
 void* FindKey(Bintree* tree, const char* key);
-// Insert a bare record (links and key) holding a copy of `key`; 0 or -1.
+
+// Insert a bare record (links and key only, sizeof(BintreeNode) bytes)
+// holding a safe-string copy of `key`. Returns InsBintree's result; on -1 the
+// copy and the record are freed again. Release linked ones with a function
+// that safe_frees the key (for example FreeBNode).
 int LoadKey(Bintree* tree, const char* key);
-// Unlink the matching record and return it (not freed), or null.
+
+// Unlink the record FindBintree would return and hand it back (not freed; its
+// own links keep their old values), or null when no key matches. The
+// replacement: a record without a greater child is replaced by its lesser
+// subtree; otherwise a greater child without a lesser child takes its place
+// and adopts its lesser subtree; otherwise the smallest record of the greater
+// subtree is moved into its place (its parent adopts its greater subtree).
 void* DelBintree(Bintree* tree, const void* probe);
-// In-order walk; visit(record, depth, arg) with the root at depth 0.
-// -1 for an empty tree (visit never called), else 0.
+
+// In-order walk (ascending keys, equal keys in insertion order):
+// visit(record, depth, arg), the root at depth 0 and each level one deeper.
+// Returns -1 for an empty tree or a null tree/visitor (visit never called),
+// else 0 after visiting every record once.
 int WalkBintree(Bintree* tree, BintreeVisit visit, void* arg);
+
+// The same order as WalkBintree, with four pass-through arguments and no
+// depth. -1 for an empty tree, else 0.
 int WalkWildCardBintree(Bintree* tree, BintreeVisit4 visit, void* a1, void* a2, void* a3, void* a4);
-// Post-order walk: lesser, greater, then the record.
+
+// Post-order walk: a record's lesser subtree, then its greater subtree, then
+// the record; children always come before their parent and the root last.
+// -1 for an empty tree, else 0.
 int WalkDepBintree(Bintree* tree, BintreeVisit8 visit, void* a1, void* a2, void* a3, void* a4,
                    void* a5, void* a6, int32_t a7, void* a8);
-// Remove the root until the tree is empty, calling release(record) and then
-// freeing each record; then free the Bintree. Null is ignored.
+
+// Remove the root until the tree is empty; for each removed record call
+// release(record) (when release is not null) and then tfree it. Finally free
+// the Bintree (and the head record only if NewBintree made it). The head
+// record passed to NewBintree is not freed. Null is ignored.
 void DestroyBintree(Bintree* tree, BintreeRelease release);
-// Case-sensitive byte order of the two keys (CompareTo with flag 1).
+
+// Case-sensitive byte order of the two keys: CompareTo(probe key, node key, 1).
+// A null key compares as "".
 int32_t CompareFunc(const void* probe, const void* node);
