@@ -36,14 +36,16 @@ DetailPlan PlanDetail(uint32_t scmType, const FileNode* newNode, const FileNode*
     case kScmCvs:
       plan.dir = own_dir;
       plan.first = FormCommand(kCvsDetailLog, {base, ext});
-      if (compare) plan.second = FormCommand(kCvsDetailDiff, {old_version, base, ext});
+      if (compare)
+        plan.second = FormCommand(kCvsDetailDiff, {old_version, base, ext});
       break;
     case kScmCvsRep:
       // Runs in the file's directory but names the file by `name`, the path
       // relative to the build directory: kept as the tool has always done.
       plan.dir = own_dir;
       plan.first = FormCommand(kCvsRepDetailLog, {old_version, version, name});
-      if (compare) plan.second = FormCommand(kCvsRepDetailDiff, {old_version, name});
+      if (compare)
+        plan.second = FormCommand(kCvsRepDetailDiff, {old_version, name});
       break;
     case kScmClearCase: {
       plan.first = FormCommand(kClearCaseDetailHist, {name});
@@ -62,7 +64,8 @@ DetailPlan PlanDetail(uint32_t scmType, const FileNode* newNode, const FileNode*
       break;
     case kScmSvn:
       plan.first = FormCommand(kSvnDetailInfo, {path});
-      if (compare) plan.second = FormCommand(kSvnDetailDiff, {old_version, path});
+      if (compare)
+        plan.second = FormCommand(kSvnDetailDiff, {old_version, path});
       break;
     case kScmVss: {
       std::string vss_path = path;
@@ -73,22 +76,26 @@ DetailPlan PlanDetail(uint32_t scmType, const FileNode* newNode, const FileNode*
     case kScmPerforce:
       plan.dir = own_dir;
       plan.first = FormCommand(kP4DetailLog, {path});
-      if (compare) plan.second = FormCommand(kP4DetailDiff, {path, old_version});
+      if (compare)
+        plan.second = FormCommand(kP4DetailDiff, {path, old_version});
       break;
     case kScmSi:
       // Announced with the still empty line text before anything runs.
       std::printf("Running: %s\n", "");
       plan.first = FormCommand(kSiDetailInfo, {path});
-      if (compare) plan.second = FormCommand(kSiDetailDiff, {old_version, path});
+      if (compare)
+        plan.second = FormCommand(kSiDetailDiff, {old_version, path});
       break;
     case kScmAccurev:
       plan.dir = own_dir;
       plan.first = FormCommand(kAccurevDetailStat, {path});
-      if (compare) plan.second = FormCommand(kAccurevDetailDiff, {old_version, path});
+      if (compare)
+        plan.second = FormCommand(kAccurevDetailDiff, {old_version, path});
       break;
     case kScmMstf:
       plan.first = FormCommand(kTfDetailProps, {path});
-      if (compare) plan.second = FormCommand(kTfDetailDiff, {path, version, path, old_version});
+      if (compare)
+        plan.second = FormCommand(kTfDetailDiff, {path, version, path, old_version});
       break;
     default:
       break;
@@ -113,9 +120,11 @@ void CopyOutput(FILE* pipe, FILE* report, bool filter) {
 }  // namespace
 
 void GetDetail(uint32_t scmType, FILE* report, FileNode* newNode, FileNode* oldNode) {
-  if (newNode == nullptr || report == nullptr) return;
+  if (newNode == nullptr || report == nullptr)
+    return;
   DetailPlan plan = PlanDetail(scmType, newNode, oldNode);
-  if (plan.first.text.empty()) return;
+  if (plan.first.text.empty())
+    return;
 
   // Changed into first and back on every return.
   std::unique_ptr<ScopedChdir> in_dir;

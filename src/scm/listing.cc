@@ -16,7 +16,8 @@
 namespace {
 
 void SetVersion(Bintree* tree, const std::string& key, const std::string& version) {
-  if (FileNode* node = FindFile(tree, key)) safe_cpy(&node->version, version.c_str());
+  if (FileNode* node = FindFile(tree, key))
+    safe_cpy(&node->version, version.c_str());
 }
 
 // Entries of the shape "Path: ", "Revision: ", "Node Kind: " (svn info and
@@ -45,7 +46,8 @@ void ReadInfoEntries(FILE* pipe, Bintree* tree, const char* buildDir) {
 UniquePipe StartListing(const ClientCommand& cmd) {
   PrintExecuting(cmd.shown);
   UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) PrintCouldNotRun(cmd.shown);
+  if (!pipe)
+    PrintCouldNotRun(cmd.shown);
   return pipe;
 }
 
@@ -53,13 +55,15 @@ UniquePipe StartListing(const ClientCommand& cmd) {
 UniquePipe StartRedirectListing(const ClientCommand& cmd, const std::string& shown) {
   PrintExecutingRedirect(shown);
   UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) PrintCouldNotRunRedirect(shown);
+  if (!pipe)
+    PrintCouldNotRunRedirect(shown);
   return pipe;
 }
 
 void ListCvs(Bintree* tree, const char* buildDir) {
   UniquePipe pipe = StartListing(FormCommand(kCvsListCmd, {}));
-  if (!pipe) return;
+  if (!pipe)
+    return;
   ClientLines lines(pipe.get(), kShortLineLimit);
   std::string line, path;
   bool in_file = false;
@@ -78,15 +82,18 @@ void ListCvs(Bintree* tree, const char* buildDir) {
 
 void ListClearCase(Bintree* tree, const char* buildDir) {
   UniquePipe pipe = StartListing(FormCommand(kClearCaseListCmd, {}));
-  if (!pipe) return;
+  if (!pipe)
+    return;
   ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line;
   while (lines.Next(line)) {
     TrimTrailing(line);
     size_t at = line.find("@@");
-    if (at == std::string::npos) continue;
+    if (at == std::string::npos)
+      continue;
     std::string element = line.substr(0, at);
-    if (element.compare(0, 2, "./") == 0 || element.compare(0, 2, ".\\") == 0) element.erase(0, 2);
+    if (element.compare(0, 2, "./") == 0 || element.compare(0, 2, ".\\") == 0)
+      element.erase(0, 2);
     // The version is the whole rest of the line (branch, version and any rule
     // text the tool prints after it).
     SetVersion(tree, TreeKey(buildDir, element), line.substr(at + 2));
@@ -96,7 +103,8 @@ void ListClearCase(Bintree* tree, const char* buildDir) {
 
 void ListSvn(Bintree* tree, const char* buildDir) {
   UniquePipe pipe = StartListing(FormCommand(kSvnListCmd, {}));
-  if (!pipe) return;
+  if (!pipe)
+    return;
   ReadInfoEntries(pipe.get(), tree, buildDir);
   (void)pipe.Close();
 }
@@ -104,13 +112,15 @@ void ListSvn(Bintree* tree, const char* buildDir) {
 void ListAccurev(Bintree* tree, const char* buildDir) {
   ClientCommand cmd = FormCommand(kAccurevListCmd, {buildDir});
   UniquePipe pipe = StartRedirectListing(cmd, cmd.shown);
-  if (!pipe) return;
+  if (!pipe)
+    return;
   ClientLines lines(pipe.get(), kShortLineLimit);
   std::string line;
   while (lines.Next(line)) {
     TrimTrailing(line);
     std::string word = GetWord(line.c_str(), " ", 1, 1);
-    std::string path = (!word.empty() && word[0] == '.') ? std::string(buildDir) + word.substr(1) : word;
+    std::string path =
+        (!word.empty() && word[0] == '.') ? std::string(buildDir) + word.substr(1) : word;
     ReplaceSlash2(path, '/');
     SetVersion(tree, path, GetWord(line.c_str(), " ", 2, 2));
   }
@@ -122,7 +132,8 @@ void ListAccurev(Bintree* tree, const char* buildDir) {
 std::string TfValue(const std::string& rest) {
   std::string value = rest;
   StripChar(value, " \t", 0);
-  if (!value.empty() && value[0] == ':') value.erase(0, 1);
+  if (!value.empty() && value[0] == ':')
+    value.erase(0, 1);
   StripChar(value, " \t", 0);
   return value;
 }
@@ -130,7 +141,8 @@ std::string TfValue(const std::string& rest) {
 void ListTf(Bintree* tree, const char* buildDir) {
   ClientCommand cmd = FormCommand(kTfListCmd, {buildDir});
   UniquePipe pipe = StartRedirectListing(cmd, cmd.shown);
-  if (!pipe) return;
+  if (!pipe)
+    return;
   ClientLines lines(pipe.get(), kShortLineLimit);
   std::string line, path, changeset;
   bool in_item = false;
@@ -157,7 +169,8 @@ void ListSi(Bintree* tree, const char* buildDir) {
   std::string sandbox;
   // The bare pattern has no directory to open, so this ends the branch
   // silently unless a project file is found.
-  if (FindFirstWildcard(sandbox, "*.pj", 1024) == 0) return;
+  if (FindFirstWildcard(sandbox, "*.pj", 1024) == 0)
+    return;
   ListSiSandbox(tree, buildDir, sandbox);
 }
 
@@ -170,11 +183,13 @@ int64_t CvsLogTime(const std::string& text) {
   size_t pos = 0;
   while (count < 6) {
     pos = text.find_first_not_of("/: ", pos);
-    if (pos == std::string::npos) break;
+    if (pos == std::string::npos)
+      break;
     size_t end = text.find_first_of("/: ", pos);
     std::string word = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
     fields[count++] = std::atoi(word.c_str());
-    if (end == std::string::npos) break;
+    if (end == std::string::npos)
+      break;
     pos = end;
   }
   struct tm when {};
@@ -200,7 +215,8 @@ void ListSiSandbox(Bintree* tree, const char* buildDir, const std::string& sandb
   (void)AddUserPassword(cmd.text, shown, "--user", "--password", 4096);
   cmd.text += kSiRedirect;
   UniquePipe pipe = StartRedirectListing(cmd, shown);
-  if (!pipe) return;
+  if (!pipe)
+    return;
   ReadInfoEntries(pipe.get(), tree, buildDir);
   (void)pipe.Close();
 }
@@ -231,7 +247,8 @@ void FindVersionInfo(Bintree* tree, const char* buildDir, uint32_t scmType) {
 }
 
 int LoadRepository(const char* /*scanRoot*/, const char* buildDir, Bintree* tree) {
-  if (SCMType != kScmCvsRep) return 0;
+  if (SCMType != kScmCvsRep)
+    return 0;
   ClientCommand cmd = FormCommand(kCvsRepLogCmd, {});
   PrintExecuting(cmd.shown);
   UniquePipe pipe(OpenClient(cmd));
@@ -261,7 +278,8 @@ int LoadRepository(const char* /*scanRoot*/, const char* buildDir, Bintree* tree
     } else if (in_file && HasPrefix(line, "date:")) {
       // The newest revision comes first, so its date is the first one.
       in_file = false;
-      if (FindFile(tree, path) != nullptr) continue;
+      if (FindFile(tree, path) != nullptr)
+        continue;
       FileNode* node = NewFileNode(path.c_str());
       safe_cpy(&node->dir, buildDir);
       safe_cpy(&node->name, relative.c_str());

@@ -19,7 +19,8 @@ bool DirectoryAsked(const std::string& dir) {
 }
 
 void RememberDirectory(const std::string& dir) {
-  if (DirTree != nullptr) (void)LoadKey(DirTree, dir.c_str());  // -1 only for a duplicate
+  if (DirTree != nullptr)
+    (void)LoadKey(DirTree, dir.c_str());  // -1 only for a duplicate
 }
 
 // The text before the first occurrence of `stop`, or all of it.
@@ -61,7 +62,8 @@ int QueryVss(FileNode* node) {
 }
 
 int QueryPerforce(FileNode* node, const std::string& dir) {
-  if (DirectoryAsked(dir)) return 0;
+  if (DirectoryAsked(dir))
+    return 0;
   ScopedChdir in_dir(dir);
   ClientCommand cmd = FormCommand(kP4QueryCmd, {});
   PrintExecutingInDir(cmd.shown, dir);
@@ -77,7 +79,8 @@ int QueryPerforce(FileNode* node, const std::string& dir) {
   bool in_file = false;
   while (lines.Next(line)) {
     TrimBoth(line);
-    if (line.find("is not under client's root") != std::string::npos) continue;
+    if (line.find("is not under client's root") != std::string::npos)
+      continue;
     if (HasPrefix(line, "//depot/")) {
       // The key is the depot path below "//depot/" appended to the module
       // root, so it meets the tree only where both layouts agree.
@@ -106,10 +109,13 @@ int64_t HarvestTime(const std::string& text) {
   size_t pos = 0;
   while (count < 6) {
     pos = text.find_first_not_of("-;:", pos);
-    if (pos == std::string::npos) break;
+    if (pos == std::string::npos)
+      break;
     size_t end = text.find_first_of("-;:", pos);
-    fields[count++] = std::atoi(text.substr(pos, end == std::string::npos ? end : end - pos).c_str());
-    if (end == std::string::npos) break;
+    fields[count++] =
+        std::atoi(text.substr(pos, end == std::string::npos ? end : end - pos).c_str());
+    if (end == std::string::npos)
+      break;
     pos = end;
   }
   struct tm when {};
@@ -124,7 +130,8 @@ int64_t HarvestTime(const std::string& text) {
 }
 
 int QueryHarvest(std::string dir) {
-  if (DirectoryAsked(dir)) return 0;
+  if (DirectoryAsked(dir))
+    return 0;
   ScopedChdir in_dir(dir);
   ClientCommand cmd = FormCommand(kHarvestQueryCmd, {});
   PrintExecutingInDir(cmd.shown, dir);
@@ -138,17 +145,21 @@ int QueryHarvest(std::string dir) {
   std::string line;
   while (lines.Next(line)) {
     TrimTrailing(line);
-    if (HasPrefix(line, "Warning: Information for file")) continue;
-    if (HasPrefix(line, "Harvest (hsigget) command completed")) break;
+    if (HasPrefix(line, "Warning: Information for file"))
+      continue;
+    if (HasPrefix(line, "Harvest (hsigget) command completed"))
+      break;
     std::string file_name = GetWord(line.c_str(), "\t", 1, 1);
     std::string version = GetWord(line.c_str(), "\t", 2, 2);
     std::string modified = GetWord(line.c_str(), "\t", 3, 3);
     std::string size = GetWord(line.c_str(), "\t", 4, 4);
     ReplaceSlash(file_name);
-    if (!dir.empty() && (dir.back() == '/' || dir.back() == '\\')) dir.pop_back();
+    if (!dir.empty() && (dir.back() == '/' || dir.back() == '\\'))
+      dir.pop_back();
     std::string key = TreeKey(dir, file_name);
     FileNode* file = FindFile(FileTree, key);
-    if (file == nullptr) continue;
+    if (file == nullptr)
+      continue;
     // The listed file is digested once more and the result dropped; the
     // record keeps the digest of the scan. Only files the scan recorded are
     // read, so a listed name can never make us read a device or a pipe.
@@ -168,9 +179,11 @@ int QueryHarvest(std::string dir) {
 
 int LoadVersionInfo(void* record, uint32_t /*level*/, void* arg) {
   auto* node = static_cast<FileNode*>(record);
-  if (node == nullptr || arg == nullptr) return 0;
+  if (node == nullptr || arg == nullptr)
+    return 0;
   uint32_t scm_type = *static_cast<const uint32_t*>(arg);
-  if (*Text(node->version) != '\0') return 0;
+  if (*Text(node->version) != '\0')
+    return 0;
   std::string dir = DirectoryOf(Text(node->path));
   switch (scm_type) {
     case kScmVss:

@@ -12,8 +12,10 @@
 #include "support/strings.h"
 
 ScmPath AcquisitionPath(uint32_t scmType) {
-  if ((scmType & kListingMask) == scmType) return ScmPath::kListing;
-  if ((scmType & kPerFileMask) == scmType) return ScmPath::kPerFile;
+  if ((scmType & kListingMask) == scmType)
+    return ScmPath::kListing;
+  if ((scmType & kPerFileMask) == scmType)
+    return ScmPath::kPerFile;
   return ScmPath::kRepositoryLog;
 }
 
@@ -21,7 +23,8 @@ std::string EscapeInQuotes(std::string_view value) {
   std::string out;
   out.reserve(value.size());
   for (char c : value) {
-    if (c == '\\' || c == '"' || c == '$' || c == '`') out += '\\';
+    if (c == '\\' || c == '"' || c == '$' || c == '`')
+      out += '\\';
     out += c;
   }
   return out;
@@ -39,7 +42,8 @@ std::string ShellWord(std::string_view value) {
       break;
     }
   }
-  if (all_plain) return std::string(value);
+  if (all_plain)
+    return std::string(value);
   std::string out = "'";
   for (char c : value) {
     if (c == '\'') {
@@ -64,7 +68,8 @@ ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_vi
       ++p;
       continue;
     }
-    if (*p == '"') in_quotes = !in_quotes;
+    if (*p == '"')
+      in_quotes = !in_quotes;
     cmd.text += *p;
     cmd.shown += *p;
   }
@@ -73,14 +78,16 @@ ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_vi
 
 int CountPlaceholders(const char* tmpl) {
   int n = 0;
-  for (const char* p = std::strstr(tmpl, "%s"); p; p = std::strstr(p + 2, "%s")) ++n;
+  for (const char* p = std::strstr(tmpl, "%s"); p; p = std::strstr(p + 2, "%s"))
+    ++n;
   return n;
 }
 
 int AddUserPassword(std::string& command, std::string& shown, const char* userOption,
                     const char* passwordOption, size_t limit) {
   const char* user = User;
-  if (user == nullptr || *user == '\0') return 0;
+  if (user == nullptr || *user == '\0')
+    return 0;
   const char* password = (Password != nullptr && *Password != '\0') ? Password : nullptr;
 
   // The value is escaped for the double quotes; for ordinary credentials the
@@ -88,8 +95,10 @@ int AddUserPassword(std::string& command, std::string& shown, const char* userOp
   std::string user_value = EscapeInQuotes(user);
   std::string password_value = password ? EscapeInQuotes(password) : std::string();
   size_t required = std::strlen(userOption) + user_value.size() + 4;
-  if (password) required += std::strlen(passwordOption) + password_value.size() + 4;
-  if (required + command.size() > limit) return 0;
+  if (password)
+    required += std::strlen(passwordOption) + password_value.size() + 4;
+  if (required + command.size() > limit)
+    return 0;
 
   static constexpr char kMasked[] = "*******";
   std::string real = std::string(" ") + userOption + " \"" + user_value + "\"";
@@ -107,7 +116,8 @@ int AddUserPassword(ClientCommand& command, const char* userOption, const char* 
                     size_t limit) {
   std::string shown_add;
   int added = AddUserPassword(command.text, shown_add, userOption, passwordOption, limit);
-  if (added) command.shown += shown_add;
+  if (added)
+    command.shown += shown_add;
   return added;
 }
 
@@ -119,13 +129,16 @@ int FindFirstWildcard(std::string& out, const char* pattern, size_t limit) {
   std::string directory = drive + dir;
   std::string name_pattern = name + ext;
 
-  if (directory.compare(0, 2, "//") == 0) return 0;
+  if (directory.compare(0, 2, "//") == 0)
+    return 0;
   UniqueDir handle(opendir(directory.c_str()));
-  if (!handle) return 0;
+  if (!handle)
+    return 0;
 
   // Only the first entry is examined, whatever it is.
   const dirent* entry = readdir(handle.get());
-  if (entry == nullptr) return 0;
+  if (entry == nullptr)
+    return 0;
   std::string full = directory + entry->d_name;
   bool is_dir = entry->d_type == DT_DIR;
   if (entry->d_type == DT_UNKNOWN) {
@@ -133,7 +146,8 @@ int FindFirstWildcard(std::string& out, const char* pattern, size_t limit) {
     is_dir = lstat(full.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
   }
   if (!is_dir && fnmatch(name_pattern.c_str(), entry->d_name, 0) == 0) {
-    if (full.size() >= limit) return 0;
+    if (full.size() >= limit)
+      return 0;
     out = full;
   }
   return 1;
@@ -154,7 +168,8 @@ ClientLines::ClientLines(FILE* pipe, int limit)
     : pipe_(pipe), buf_(static_cast<size_t>(limit > 1 ? limit : 2)) {}
 
 bool ClientLines::Next(std::string& line) {
-  if (pipe_ == nullptr || std::fgets(buf_.data(), static_cast<int>(buf_.size()), pipe_) == nullptr) {
+  if (pipe_ == nullptr ||
+      std::fgets(buf_.data(), static_cast<int>(buf_.size()), pipe_) == nullptr) {
     return false;
   }
   // As a fixed-buffer reader sees it: the text ends at the first NUL.
@@ -180,7 +195,8 @@ std::string TreeKey(const std::string& dir, const std::string& rel) {
 }
 
 FileNode* FindFile(Bintree* tree, const std::string& key) {
-  if (tree == nullptr) return nullptr;
+  if (tree == nullptr)
+    return nullptr;
   return static_cast<FileNode*>(FindKey(tree, key.c_str()));
 }
 
@@ -199,7 +215,9 @@ void PrintExecutingInDir(const std::string& shown, const std::string& dir) {
 void PrintExecutingRedirect(const std::string& shown) {
   std::printf("Executing: %s 2>&1 \n", shown.c_str());
 }
-void PrintCouldNotRun(const std::string& shown) { std::printf("Could not run: %s\n", shown.c_str()); }
+void PrintCouldNotRun(const std::string& shown) {
+  std::printf("Could not run: %s\n", shown.c_str());
+}
 void PrintCouldNotRunRedirect(const std::string& shown) {
   std::printf("Could not run: %s 2>&1\n", shown.c_str());
 }

@@ -50,10 +50,12 @@ inline constexpr char kCvsListCmd[] = "cvs log -h 2>&1";
 inline constexpr char kCvsRepLogCmd[] = "cvs log 2>&1";
 inline constexpr char kClearCaseListCmd[] = "cleartool ls -recurse 2>&1";
 inline constexpr char kSvnListCmd[] = "svn info -R 2>&1";
-inline constexpr char kSiListCmd[] = "si viewsandbox --recurse --batch --sandbox \"%s\"";  // sandbox
-inline constexpr char kSiRedirect[] = " 2>&1";  // appended after the credentials
+inline constexpr char kSiListCmd[] =
+    "si viewsandbox --recurse --batch --sandbox \"%s\"";  // sandbox
+inline constexpr char kSiRedirect[] = " 2>&1";            // appended after the credentials
 inline constexpr char kAccurevListCmd[] = "accurev stat -ff -R \"%s\" 2>&1";  // build dir
-inline constexpr char kTfListCmd[] = "tf.exe properties \"%s\" /recursive /noprompt 2>&1";  // build dir
+inline constexpr char kTfListCmd[] =
+    "tf.exe properties \"%s\" /recursive /noprompt 2>&1";  // build dir
 
 // Per-file and per-directory queries.
 inline constexpr char kVssQueryCmd[] = "ss Properties \"%s\" 2>&1";  // path, backslashes
@@ -62,22 +64,25 @@ inline constexpr char kHarvestQueryCmd[] = "hsigget -t -a version modtime size 2
 
 // Change detail: first command, then (when the old version is known) second.
 inline constexpr char kCvsDetailLog[] = "cvs log \"%s%s\" 2>&1";  // name, ext
-inline constexpr char kCvsDetailDiff[] = "cvs diff -c6 -r %s \"%s%s\" 2>&1";  // old version, name, ext
-inline constexpr char kCvsRepDetailLog[] = "cvs log -r%s -r%s  \"%s\" 2>&1";  // old, new, name
-inline constexpr char kCvsRepDetailDiff[] = "cvs diff -c6 -r %s \"%s\" 2>&1";  // old version, name
+inline constexpr char kCvsDetailDiff[] =
+    "cvs diff -c6 -r %s \"%s%s\" 2>&1";  // old version, name, ext
+inline constexpr char kCvsRepDetailLog[] = "cvs log -r%s -r%s  \"%s\" 2>&1";    // old, new, name
+inline constexpr char kCvsRepDetailDiff[] = "cvs diff -c6 -r %s \"%s\" 2>&1";   // old version, name
 inline constexpr char kClearCaseDetailHist[] = "cleartool lshist \"%s\" 2>&1";  // name
-inline constexpr char kClearCaseDetailDiff[] = "cleartool diff \"%s@@%s\" \"%s\" 2>&1";  // old name, old version, name
+inline constexpr char kClearCaseDetailDiff[] =
+    "cleartool diff \"%s@@%s\" \"%s\" 2>&1";  // old name, old version, name
 inline constexpr char kHarvestDetail[] =
     "hsigget %s -t -a environment state package version versionid viewpath tag user modtime "
-    "size 2>&1";  // name (outside quotes)
+    "size 2>&1";                                                  // name (outside quotes)
 inline constexpr char kSvnDetailInfo[] = "svn info \"%s\" 2>&1";  // path
 inline constexpr char kSvnDetailDiff[] = "svn diff --revision %s \"%s\" 2>&1";  // old version, path
-inline constexpr char kVssDetail[] = "ss Properties \"%s\" 2>&1";  // path, backslashes
-inline constexpr char kP4DetailLog[] = "p4 filelog -t -L \"%s\" 2>&1";  // path
-inline constexpr char kP4DetailDiff[] = "p4 diff -dnl -f \"%s\"#%s 2>&1";  // path, old version
-inline constexpr char kSiDetailInfo[] = "si memberinfo --batch \"%s\" 2>&1";  // path
-inline constexpr char kSiDetailDiff[] = "si diff --batch -r \"%s\" \"%s\" 2>&1";  // old version, path
-inline constexpr char kAccurevDetailStat[] = "accurev stat \"%s\" 2>&1";  // path
+inline constexpr char kVssDetail[] = "ss Properties \"%s\" 2>&1";               // path, backslashes
+inline constexpr char kP4DetailLog[] = "p4 filelog -t -L \"%s\" 2>&1";          // path
+inline constexpr char kP4DetailDiff[] = "p4 diff -dnl -f \"%s\"#%s 2>&1";       // path, old version
+inline constexpr char kSiDetailInfo[] = "si memberinfo --batch \"%s\" 2>&1";    // path
+inline constexpr char kSiDetailDiff[] =
+    "si diff --batch -r \"%s\" \"%s\" 2>&1";                                    // old version, path
+inline constexpr char kAccurevDetailStat[] = "accurev stat \"%s\" 2>&1";        // path
 inline constexpr char kAccurevDetailDiff[] = "accurev diff -v %s \"%s\" 2>&1";  // old version, path
 inline constexpr char kTfDetailProps[] = "tf.exe properties \"%s\"  /noprompt 2>&1";  // path
 inline constexpr char kTfDetailDiff[] =
@@ -189,9 +194,9 @@ inline const char* Text(const char* s) { return s ? s : ""; }
 
 // --- Progress and failure lines (standard output) ---
 
-void PrintExecuting(const std::string& shown);                          // "Executing: %s\n"
+void PrintExecuting(const std::string& shown);                               // "Executing: %s\n"
 void PrintExecutingInDir(const std::string& shown, const std::string& dir);  // "... in dir %s\n"
-void PrintExecutingRedirect(const std::string& shown);                  // "Executing: %s 2>&1 \n"
-void PrintCouldNotRun(const std::string& shown);                        // "Could not run: %s\n"
-void PrintCouldNotRunRedirect(const std::string& shown);                // "Could not run: %s 2>&1\n"
-void PrintCouldNotRunBare(const std::string& shown);                    // "Could not run: %s "
+void PrintExecutingRedirect(const std::string& shown);    // "Executing: %s 2>&1 \n"
+void PrintCouldNotRun(const std::string& shown);          // "Could not run: %s\n"
+void PrintCouldNotRunRedirect(const std::string& shown);  // "Could not run: %s 2>&1\n"
+void PrintCouldNotRunBare(const std::string& shown);      // "Could not run: %s "

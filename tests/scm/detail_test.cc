@@ -1,10 +1,10 @@
 #include "scm/detail.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "driver/settings.h"
 #include "scm/scmtool.h"
@@ -32,10 +32,14 @@ class DetailTest : public ::testing::Test {
         build_(Made(root_ + "/ws/src", root_ + "/ws")),
         cwd_(start_),
         fakes_(dir_) {
-    const char* tools[][3] = {{"cvs", "log", "diff"},         {"cleartool", "lshist", "diff"},
-                              {"hsigget", "", ""},            {"svn", "info", "diff"},
-                              {"ss", "Properties", ""},       {"p4", "filelog", "diff"},
-                              {"si", "memberinfo", "diff"},   {"accurev", "stat", "diff"},
+    const char* tools[][3] = {{"cvs", "log", "diff"},
+                              {"cleartool", "lshist", "diff"},
+                              {"hsigget", "", ""},
+                              {"svn", "info", "diff"},
+                              {"ss", "Properties", ""},
+                              {"p4", "filelog", "diff"},
+                              {"si", "memberinfo", "diff"},
+                              {"accurev", "stat", "diff"},
                               {"tf.exe", "properties", "diff"}};
     for (auto& t : tools) {
       fakes_.Add(t[0]);
@@ -43,7 +47,8 @@ class DetailTest : public ::testing::Test {
         std::string sub = t[i];
         fakes_.Output(t[0],
                       std::string(t[0]) + " " + (sub.empty() ? "out" : sub) +
-                          "\ncvs log: in directory src\ncvs [log aborted]: stop\n" + t[0] + " end\n",
+                          "\ncvs log: in directory src\ncvs [log aborted]: stop\n" + t[0] +
+                          " end\n",
                       sub);
       }
     }
@@ -68,12 +73,14 @@ class DetailTest : public ::testing::Test {
     std::rewind(report.get());
     std::string text;
     char buf[4096];
-    while (size_t n = std::fread(buf, 1, sizeof buf, report.get())) text.append(buf, n);
+    while (size_t n = std::fread(buf, 1, sizeof buf, report.get()))
+      text.append(buf, n);
     return text;
   }
   std::vector<std::string> NewLog(size_t from) const {
     std::vector<std::string> log = fakes_.Log();
-    return std::vector<std::string>(log.begin() + static_cast<long>(std::min(from, log.size())), log.end());
+    return std::vector<std::string>(log.begin() + static_cast<long>(std::min(from, log.size())),
+                                    log.end());
   }
 
   TempDir dir_;
@@ -85,7 +92,8 @@ class DetailTest : public ::testing::Test {
 };
 
 std::string Kept(const std::string& tool, const std::string& sub) {
-  return tool + " " + sub + "\ncvs log: in directory src\ncvs [log aborted]: stop\n" + tool + " end\n";
+  return tool + " " + sub + "\ncvs log: in directory src\ncvs [log aborted]: stop\n" + tool +
+         " end\n";
 }
 std::string Filtered(const std::string& tool, const std::string& sub) {
   return tool + " " + sub + "\n" + tool + " end\n";
@@ -96,7 +104,8 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
   const std::string src = b + "/src/";
   const std::string path = b + "/src/a.c";
   std::string win = path;
-  for (char& c : win) c = c == '/' ? '\\' : c;
+  for (char& c : win)
+    c = c == '/' ? '\\' : c;
   struct Case {
     uint32_t type;
     const char* new_version;
@@ -105,53 +114,83 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
     std::vector<std::string> log;
     std::string report;
   } cases[] = {
-      {kScmCvs, "1.2", "1.1",
-       "Executing: cvs log \"a.c\" 2>&1 in dir " + src + "\nRunning cvs diff -c6 -r 1.1 \"a.c\" 2>&1 in dir " +
-           src + "\n",
+      {kScmCvs,
+       "1.2",
+       "1.1",
+       "Executing: cvs log \"a.c\" 2>&1 in dir " + src +
+           "\nRunning cvs diff -c6 -r 1.1 \"a.c\" 2>&1 in dir " + src + "\n",
        {"cvs|" + b + "/src|[log][a.c]", "cvs|" + b + "/src|[diff][-c6][-r][1.1][a.c]"},
        Kept("cvs", "log") + Filtered("cvs", "diff") + kSep},
-      {kScmCvsRep, "1.2", "1.1",
+      {kScmCvsRep,
+       "1.2",
+       "1.1",
        "Executing: cvs log -r1.1 -r1.2  \"src/a.c\" 2>&1 in dir " + src +
            "\nRunning cvs diff -c6 -r 1.1 \"src/a.c\" 2>&1 in dir " + src + "\n",
-       {"cvs|" + b + "/src|[log][-r1.1][-r1.2][src/a.c]", "cvs|" + b + "/src|[diff][-c6][-r][1.1][src/a.c]"},
+       {"cvs|" + b + "/src|[log][-r1.1][-r1.2][src/a.c]",
+        "cvs|" + b + "/src|[diff][-c6][-r][1.1][src/a.c]"},
        Kept("cvs", "log") + Filtered("cvs", "diff") + kSep},
-      {kScmClearCase, "/main/4", "/main/3        Rule: /main/LATEST",
+      {kScmClearCase,
+       "/main/4",
+       "/main/3        Rule: /main/LATEST",
        "Executing: cleartool lshist \"src/a.c\" 2>&1\n"
        "Running cleartool diff \"src/a.c@@/main/3\" \"src/a.c\" 2>&1\n",
-       {"cleartool|" + start_ + "|[lshist][src/a.c]", "cleartool|" + start_ + "|[diff][src/a.c@@/main/3][src/a.c]"},
+       {"cleartool|" + start_ + "|[lshist][src/a.c]",
+        "cleartool|" + start_ + "|[diff][src/a.c@@/main/3][src/a.c]"},
        Kept("cleartool", "lshist") + Filtered("cleartool", "diff") + kSep},
-      {kScmHarvest, "3", "2",
-       "Executing: hsigget src/a.c -t -a environment state package version versionid viewpath tag user "
-       "modtime size 2>&1 in dir " + src + "\n",
-       {"hsigget|" + b + "/src|[src/a.c][-t][-a][environment][state][package][version][versionid]"
+      {kScmHarvest,
+       "3",
+       "2",
+       "Executing: hsigget src/a.c -t -a environment state package version versionid viewpath tag "
+       "user "
+       "modtime size 2>&1 in dir " +
+           src + "\n",
+       {"hsigget|" + b +
+        "/src|[src/a.c][-t][-a][environment][state][package][version][versionid]"
         "[viewpath][tag][user][modtime][size]"},
        Kept("hsigget", "out") + kSep},
-      {kScmSvn, "14", "12",
-       "Executing: svn info \"" + path + "\" 2>&1\nRunning svn diff --revision 12 \"" + path + "\" 2>&1\n",
-       {"svn|" + start_ + "|[info][" + path + "]", "svn|" + start_ + "|[diff][--revision][12][" + path + "]"},
+      {kScmSvn,
+       "14",
+       "12",
+       "Executing: svn info \"" + path + "\" 2>&1\nRunning svn diff --revision 12 \"" + path +
+           "\" 2>&1\n",
+       {"svn|" + start_ + "|[info][" + path + "]",
+        "svn|" + start_ + "|[diff][--revision][12][" + path + "]"},
        Kept("svn", "info") + Filtered("svn", "diff") + kSep},
-      {kScmVss, "7", "6", "Executing: ss Properties \"" + win + "\" 2>&1\n",
+      {kScmVss,
+       "7",
+       "6",
+       "Executing: ss Properties \"" + win + "\" 2>&1\n",
        {"ss|" + start_ + "|[Properties][" + win + "]"},
        Kept("ss", "Properties") + kSep},
-      {kScmPerforce, "4", "3",
-       "Executing: p4 filelog -t -L \"" + path + "\" 2>&1 in dir " + src + "\nRunning p4 diff -dnl -f \"" +
-           path + "\"#3 2>&1 in dir " + src + "\n",
-       {"p4|" + b + "/src|[filelog][-t][-L][" + path + "]", "p4|" + b + "/src|[diff][-dnl][-f][" + path + "#3]"},
+      {kScmPerforce,
+       "4",
+       "3",
+       "Executing: p4 filelog -t -L \"" + path + "\" 2>&1 in dir " + src +
+           "\nRunning p4 diff -dnl -f \"" + path + "\"#3 2>&1 in dir " + src + "\n",
+       {"p4|" + b + "/src|[filelog][-t][-L][" + path + "]",
+        "p4|" + b + "/src|[diff][-dnl][-f][" + path + "#3]"},
        Kept("p4", "filelog") + Filtered("p4", "diff") + kSep},
-      {kScmSi, "1.5", "1.4",
-       "Running: \nExecuting: si memberinfo --batch \"" + path + "\" 2>&1\nRunning si diff --batch -r \"1.4\" \"" +
-           path + "\" 2>&1\n",
+      {kScmSi,
+       "1.5",
+       "1.4",
+       "Running: \nExecuting: si memberinfo --batch \"" + path +
+           "\" 2>&1\nRunning si diff --batch -r \"1.4\" \"" + path + "\" 2>&1\n",
        {"si|" + start_ + "|[memberinfo][--batch][" + path + "]",
         "si|" + start_ + "|[diff][--batch][-r][1.4][" + path + "]"},
        Kept("si", "memberinfo") + Filtered("si", "diff") + kSep},
-      {kScmAccurev, "dev/3", "dev/2",
-       "Executing: accurev stat \"" + path + "\" 2>&1 in dir " + src + "\nRunning accurev diff -v dev/2 \"" +
-           path + "\" 2>&1 in dir " + src + "\n",
-       {"accurev|" + b + "/src|[stat][" + path + "]", "accurev|" + b + "/src|[diff][-v][dev/2][" + path + "]"},
+      {kScmAccurev,
+       "dev/3",
+       "dev/2",
+       "Executing: accurev stat \"" + path + "\" 2>&1 in dir " + src +
+           "\nRunning accurev diff -v dev/2 \"" + path + "\" 2>&1 in dir " + src + "\n",
+       {"accurev|" + b + "/src|[stat][" + path + "]",
+        "accurev|" + b + "/src|[diff][-v][dev/2][" + path + "]"},
        Kept("accurev", "stat") + Filtered("accurev", "diff") + kSep},
-      {kScmMstf, "9", "7",
-       "Executing: tf.exe properties \"" + path + "\"  /noprompt 2>&1\nRunning tf.exe diff \"" + path +
-           ";9\" \"" + path + ";7\" /format:unix 2>&1\n",
+      {kScmMstf,
+       "9",
+       "7",
+       "Executing: tf.exe properties \"" + path + "\"  /noprompt 2>&1\nRunning tf.exe diff \"" +
+           path + ";9\" \"" + path + ";7\" /format:unix 2>&1\n",
        {"tf.exe|" + start_ + "|[properties][" + path + "][/noprompt]",
         "tf.exe|" + start_ + "|[diff][" + path + ";9][" + path + ";7][/format:unix]"},
        Kept("tf.exe", "properties") + Filtered("tf.exe", "diff") + kSep},
@@ -194,16 +233,19 @@ TEST_F(DetailTest, EmptyOldVersionGivesFirstOutputAndSeparator) {
 TEST_F(DetailTest, SecondStartFailureLeavesNoSeparator) {
   FileNode* n = Node("src/a.c", "1.2");
   FileNode* o = old_tree_.Add(build_, "src/a.c", "1.1");
-  wltest::FailingStarts fail([](const std::string& cmd) { return cmd.find(" diff ") != std::string::npos; });
+  wltest::FailingStarts fail(
+      [](const std::string& cmd) { return cmd.find(" diff ") != std::string::npos; });
   std::string printed;
   EXPECT_EQ(Detail(kScmCvs, n, o, &printed), Kept("cvs", "log"));
   const std::string src = build_ + "/src/";
-  EXPECT_EQ(printed, "Executing: cvs log \"a.c\" 2>&1 in dir " + src + "\nRunning cvs diff -c6 -r 1.1 \"a.c\" 2>&1 in dir " +
-                         src + "\nCould not run: cvs diff -c6 -r 1.1 \"a.c\" 2>&1\n");
+  EXPECT_EQ(printed, "Executing: cvs log \"a.c\" 2>&1 in dir " + src +
+                         "\nRunning cvs diff -c6 -r 1.1 \"a.c\" 2>&1 in dir " + src +
+                         "\nCould not run: cvs diff -c6 -r 1.1 \"a.c\" 2>&1\n");
   EXPECT_EQ(wltest::CurrentDir(), start_);
   EXPECT_EQ(Detail(kScmSvn, n, o, &printed), Kept("svn", "info"));
-  EXPECT_EQ(printed, "Executing: svn info \"" + build_ + "/src/a.c\" 2>&1\nRunning svn diff --revision 1.1 \"" +
-                         build_ + "/src/a.c\" 2>&1\nCould not run: svn diff --revision 1.1 \"" + build_ +
+  EXPECT_EQ(printed, "Executing: svn info \"" + build_ +
+                         "/src/a.c\" 2>&1\nRunning svn diff --revision 1.1 \"" + build_ +
+                         "/src/a.c\" 2>&1\nCould not run: svn diff --revision 1.1 \"" + build_ +
                          "/src/a.c\" 2>&1\n");
 }
 
@@ -223,13 +265,14 @@ TEST_F(DetailTest, FirstStartFailureWritesNothing) {
 // Names with shell characters reach each client unchanged and run nothing.
 TEST_F(DetailTest, ShellCharactersInNamesAreData) {
   const char* names[] = {"$(touch PWNED).c", "a\"b.c", "back`touch PWNED`tick.c", "two words.c"};
-  const uint32_t types[] = {kScmCvs, kScmCvsRep, kScmClearCase, kScmHarvest, kScmSvn,
-                            kScmVss, kScmPerforce, kScmSi,      kScmAccurev, kScmMstf};
+  const uint32_t types[] = {kScmCvs, kScmCvsRep,   kScmClearCase, kScmHarvest, kScmSvn,
+                            kScmVss, kScmPerforce, kScmSi,        kScmAccurev, kScmMstf};
   for (const char* name : names) {
     const std::string rel = std::string("src/") + name;
     const std::string path = build_ + "/" + rel;
     std::string win = path;
-    for (char& c : win) c = c == '/' ? '\\' : c;
+    for (char& c : win)
+      c = c == '/' ? '\\' : c;
     for (uint32_t type : types) {
       ScmTree now, before;
       FileNode* n = now.Add(build_, rel, "9");
@@ -240,13 +283,24 @@ TEST_F(DetailTest, ShellCharactersInNamesAreData) {
       std::vector<std::string> log = NewLog(mark);
       std::string expect_arg;
       switch (type) {
-        case kScmCvs: expect_arg = name; break;
-        case kScmCvsRep: case kScmClearCase: case kScmHarvest: expect_arg = rel; break;
-        case kScmVss: expect_arg = win; break;
-        default: expect_arg = path; break;
+        case kScmCvs:
+          expect_arg = name;
+          break;
+        case kScmCvsRep:
+        case kScmClearCase:
+        case kScmHarvest:
+          expect_arg = rel;
+          break;
+        case kScmVss:
+          expect_arg = win;
+          break;
+        default:
+          expect_arg = path;
+          break;
       }
       ASSERT_FALSE(log.empty()) << name << " type " << type;
-      EXPECT_NE(log[0].find("[" + expect_arg + "]"), std::string::npos) << log[0] << " type " << type;
+      EXPECT_NE(log[0].find("[" + expect_arg + "]"), std::string::npos)
+          << log[0] << " type " << type;
       // The progress line shows the name as it is.
       if (type != kScmVss && type != kScmHarvest) {
         EXPECT_NE(printed.find(expect_arg), std::string::npos) << printed;
@@ -288,12 +342,14 @@ std::string ReportOf(uint32_t type, FileNode* n, FileNode* o) {
   std::rewind(report.get());
   std::string text;
   char buf[4096];
-  while (size_t k = std::fread(buf, 1, sizeof buf, report.get())) text.append(buf, k);
+  while (size_t k = std::fread(buf, 1, sizeof buf, report.get()))
+    text.append(buf, k);
   return text;
 }
 
 TEST(RealDetail, SvnInfoAndDiff) {
-  if (!wltest::HaveTool("svn") || !wltest::HaveTool("svnadmin")) GTEST_SKIP() << "svn not installed";
+  if (!wltest::HaveTool("svn") || !wltest::HaveTool("svnadmin"))
+    GTEST_SKIP() << "svn not installed";
   TempDir dir;
   const std::string co = wltest::MakeSvnCheckout(dir);
   ASSERT_FALSE(co.empty());
@@ -310,7 +366,8 @@ TEST(RealDetail, SvnInfoAndDiff) {
 }
 
 TEST(RealDetail, CvsLogAndDiffInTheFilesDirectory) {
-  if (!wltest::HaveTool("cvs")) GTEST_SKIP() << "cvs not installed";
+  if (!wltest::HaveTool("cvs"))
+    GTEST_SKIP() << "cvs not installed";
   TempDir dir;
   const std::string co = wltest::MakeCvsCheckout(dir);
   ASSERT_FALSE(co.empty());

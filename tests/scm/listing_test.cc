@@ -1,12 +1,11 @@
 #include "scm/listing.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <ctime>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "driver/settings.h"
 #include "inventory/digest.h"
@@ -26,8 +25,12 @@ using wltest::TempDir;
 class ListingTest : public ::testing::Test {
  protected:
   ListingTest()
-      : build_(wltest::RealDir(dir_.path()) + "/ws"), made_(MakeBuild(build_)), cwd_(build_), fakes_(dir_) {
-    for (const char* name : {"cvs", "cleartool", "svn", "si", "accurev", "tf.exe", "hsigget", "ss", "p4"}) {
+      : build_(wltest::RealDir(dir_.path()) + "/ws"),
+        made_(MakeBuild(build_)),
+        cwd_(build_),
+        fakes_(dir_) {
+    for (const char* name :
+         {"cvs", "cleartool", "svn", "si", "accurev", "tf.exe", "hsigget", "ss", "p4"}) {
       fakes_.Add(name);
     }
   }
@@ -120,7 +123,8 @@ TEST_F(ListingTest, ClearCaseVersionIsTheRestAfterTheMarker) {
                 "private.txt\n"
                 "cleartool: Warning: noise line\n");
   EXPECT_EQ(List(kScmClearCase), "Executing: cleartool ls -recurse 2>&1\n");
-  EXPECT_EQ(tree_.Version(Key("src/a.c")), "/main/3                             Rule: /main/LATEST");
+  EXPECT_EQ(tree_.Version(Key("src/a.c")),
+            "/main/3                             Rule: /main/LATEST");
   EXPECT_EQ(tree_.Version(Key("src/b.c")), "/main/br1/2");
   EXPECT_EQ(tree_.Version(Key("win/c.c")), "/main/7 [hijacked]");
   EXPECT_EQ(tree_.Version(Key("private.txt")), "");
@@ -189,8 +193,10 @@ TEST_F(ListingTest, SiListingIsSkippedWithTheBarePattern) {
 
 struct SiCreds {
   SiCreds(const char* user, const char* password) {
-    if (user) safe_cpy(&User, user);
-    if (password) safe_cpy(&Password, password);
+    if (user)
+      safe_cpy(&User, user);
+    if (password)
+      safe_cpy(&Password, password);
   }
   ~SiCreds() {
     safe_free(&User);
@@ -229,7 +235,8 @@ TEST_F(ListingTest, SiSandboxWithAndWithoutCredentials) {
     ListSiSandbox(tree_.tree(), build_.c_str(), sandbox);
     EXPECT_EQ(cap.Take(), "Executing:  --user \"*******\" 2>&1 \n");
   }
-  const std::string base = "si" + Log("[viewsandbox][--recurse][--batch][--sandbox][" + sandbox + "]");
+  const std::string base =
+      "si" + Log("[viewsandbox][--recurse][--batch][--sandbox][" + sandbox + "]");
   EXPECT_EQ(fakes_.Log(), (std::vector<std::string>{base, base + "[--user][bob][--password][pw$1]",
                                                     base + "[--user][bob]"}));
 }
@@ -239,19 +246,19 @@ TEST_F(ListingTest, AccurevFirstWordIsThePathSecondTheVersion) {
   tree_.Add(build_, "src/b.c");
   tree_.Add(build_, "win/c.c");
   tree_.Add(build_, "d.c");
-  fakes_.Output("accurev",
-                "./src/a.c   dev_stream/3 (2/3) (kept) (member)\n"
-                + build_ + "/src/b.c  int_stream/12 (4/12) (backed)\n"
-                ".\\win\\c.c main/2 (2/2) (modified)\n"
-                "./d.c\n"
-                "./gone.c    dev/1 (1/1) (missing)\n"
-                "You are not in a directory associated with a workspace\n");
+  fakes_.Output("accurev", "./src/a.c   dev_stream/3 (2/3) (kept) (member)\n" + build_ +
+                               "/src/b.c  int_stream/12 (4/12) (backed)\n"
+                               ".\\win\\c.c main/2 (2/2) (modified)\n"
+                               "./d.c\n"
+                               "./gone.c    dev/1 (1/1) (missing)\n"
+                               "You are not in a directory associated with a workspace\n");
   EXPECT_EQ(List(kScmAccurev), "Executing: accurev stat -ff -R \"" + build_ + "\" 2>&1 2>&1 \n");
   EXPECT_EQ(tree_.Version(Key("src/a.c")), "dev_stream/3");
   EXPECT_EQ(tree_.Version(Key("src/b.c")), "int_stream/12");
   EXPECT_EQ(tree_.Version(Key("win/c.c")), "main/2");
   EXPECT_EQ(tree_.Version(Key("d.c")), "");
-  EXPECT_EQ(fakes_.Log(), std::vector<std::string>{"accurev" + Log("[stat][-ff][-R][" + build_ + "]")});
+  EXPECT_EQ(fakes_.Log(),
+            std::vector<std::string>{"accurev" + Log("[stat][-ff][-R][" + build_ + "]")});
 }
 
 TEST_F(ListingTest, TfChangesetsFromProperties) {
@@ -259,37 +266,43 @@ TEST_F(ListingTest, TfChangesetsFromProperties) {
   tree_.Add(build_, "src/b.c");
   fakes_.Output("tf.exe",
                 "Local information:\n"
-                "  Local path : " + build_ + "/src\n"
-                "  Server path: $/Proj/src\n"
-                "  Changeset  : 40\n"
-                "  Type       : folder\n"
-                "Server information:\n"
-                "  Changeset    : 40\n"
-                "  Type         : folder\n"
-                "Local information:\r\n"
-                "  Local path : " + build_ + "/src/a.c\r\n"
-                "  Server path: $/Proj/src/a.c\r\n"
-                "  Changeset  : 41\r\n"
-                "  Change     : none\r\n"
-                "  Type       : file\r\n"
-                "Server information:\r\n"
-                "  Server path  : $/Proj/src/a.c\r\n"
-                "  Changeset    : 44\r\n"
-                "  Lock         : none\r\n"
-                "  Type         : file\r\n"
-                "  File type    : utf-8\r\n"
-                "Local information:\n"
-                "\tLocal path:\t" + build_ + "\\src\\b.c\n"
-                "\tChangeset\t:\t7\n"
-                "\tType: file\n");
+                "  Local path : " +
+                    build_ +
+                    "/src\n"
+                    "  Server path: $/Proj/src\n"
+                    "  Changeset  : 40\n"
+                    "  Type       : folder\n"
+                    "Server information:\n"
+                    "  Changeset    : 40\n"
+                    "  Type         : folder\n"
+                    "Local information:\r\n"
+                    "  Local path : " +
+                    build_ +
+                    "/src/a.c\r\n"
+                    "  Server path: $/Proj/src/a.c\r\n"
+                    "  Changeset  : 41\r\n"
+                    "  Change     : none\r\n"
+                    "  Type       : file\r\n"
+                    "Server information:\r\n"
+                    "  Server path  : $/Proj/src/a.c\r\n"
+                    "  Changeset    : 44\r\n"
+                    "  Lock         : none\r\n"
+                    "  Type         : file\r\n"
+                    "  File type    : utf-8\r\n"
+                    "Local information:\n"
+                    "\tLocal path:\t" +
+                    build_ +
+                    "\\src\\b.c\n"
+                    "\tChangeset\t:\t7\n"
+                    "\tType: file\n");
   EXPECT_EQ(List(kScmMstf),
             "Executing: tf.exe properties \"" + build_ + "\" /recursive /noprompt 2>&1 2>&1 \n");
   // The server section's changeset is not saved (the item is closed), its
   // "Type" line sets the pending value again.
   EXPECT_EQ(tree_.Version(Key("src/a.c")), "41");
   EXPECT_EQ(tree_.Version(Key("src/b.c")), "7");
-  EXPECT_EQ(fakes_.Log(), std::vector<std::string>{
-                              "tf.exe" + Log("[properties][" + build_ + "][/recursive][/noprompt]")});
+  EXPECT_EQ(fakes_.Log(), std::vector<std::string>{"tf.exe" + Log("[properties][" + build_ +
+                                                                  "][/recursive][/noprompt]")});
 }
 
 // Start failures print the branch's line and leave versions empty.
@@ -304,12 +317,17 @@ TEST_F(ListingTest, StartFailureLines) {
       {kScmClearCase,
        "Executing: cleartool ls -recurse 2>&1\nCould not run: cleartool ls -recurse 2>&1\n"},
       {kScmSvn, "Executing: svn info -R 2>&1\nCould not run: svn info -R 2>&1\n"},
-      {kScmAccurev, "Executing: accurev stat -ff -R \"" + build_ + "\" 2>&1 2>&1 \n"
-                    "Could not run: accurev stat -ff -R \"" + build_ + "\" 2>&1 2>&1\n"},
-      {kScmMstf, "Executing: tf.exe properties \"" + build_ + "\" /recursive /noprompt 2>&1 2>&1 \n"
-                 "Could not run: tf.exe properties \"" + build_ + "\" /recursive /noprompt 2>&1 2>&1\n"},
+      {kScmAccurev, "Executing: accurev stat -ff -R \"" + build_ +
+                        "\" 2>&1 2>&1 \n"
+                        "Could not run: accurev stat -ff -R \"" +
+                        build_ + "\" 2>&1 2>&1\n"},
+      {kScmMstf, "Executing: tf.exe properties \"" + build_ +
+                     "\" /recursive /noprompt 2>&1 2>&1 \n"
+                     "Could not run: tf.exe properties \"" +
+                     build_ + "\" /recursive /noprompt 2>&1 2>&1\n"},
   };
-  for (const auto& c : cases) EXPECT_EQ(List(c.type), c.printed) << c.type;
+  for (const auto& c : cases)
+    EXPECT_EQ(List(c.type), c.printed) << c.type;
   CaptureStdout cap;
   ListSiSandbox(tree_.tree(), build_.c_str(), build_ + "/p.pj");
   EXPECT_EQ(cap.Take(), "Executing:  2>&1 \nCould not run:  2>&1\n");
@@ -335,7 +353,9 @@ TEST_F(ListingTest, ClientThatExitsAtOnce) {
 TEST_F(ListingTest, NulBytesCutTheLine) {
   tree_.Add(build_, "a.c");
   tree_.Add(build_, "b.c");
-  static const char kOut[] = "Working file: a.c\nhead: 1.\0" "5 junk\nWorking file: b\0.c\nhead: 2.1\n";
+  static const char kOut[] =
+      "Working file: a.c\nhead: 1.\0"
+      "5 junk\nWorking file: b\0.c\nhead: 2.1\n";
   fakes_.Output("cvs", std::string(kOut, sizeof kOut - 1));
   List(kScmCvs);
   EXPECT_EQ(tree_.Version(Key("a.c")), "1.");
@@ -472,7 +492,8 @@ TEST_F(RepositoryTest, StartFailure) {
 // --- Real clients ---
 
 TEST(RealClients, SvnRevisionsMatchTheClient) {
-  if (!wltest::HaveTool("svn") || !wltest::HaveTool("svnadmin")) GTEST_SKIP() << "svn not installed";
+  if (!wltest::HaveTool("svn") || !wltest::HaveTool("svnadmin"))
+    GTEST_SKIP() << "svn not installed";
   TempDir dir;
   const std::string co = wltest::MakeSvnCheckout(dir);
   ASSERT_FALSE(co.empty());
@@ -485,7 +506,8 @@ TEST(RealClients, SvnRevisionsMatchTheClient) {
   EXPECT_EQ(cap.Take(), "Executing: svn info -R 2>&1\n");
   for (const char* rel : {"a.c", "sub/b.c"}) {
     std::string rev = wltest::ShOut(std::string("svn info --show-item revision ") + rel, co);
-    while (!rev.empty() && (rev.back() == '\n' || rev.back() == ' ')) rev.pop_back();
+    while (!rev.empty() && (rev.back() == '\n' || rev.back() == ' '))
+      rev.pop_back();
     EXPECT_EQ(tree.Version(co + "/" + rel), rev) << rel;
   }
   EXPECT_EQ(tree.Version(co + "/a.c"), "2");
@@ -495,13 +517,15 @@ std::string CvsWorkingRevision(const std::string& co, const std::string& rel) {
   std::string out = wltest::ShOut("cvs status " + rel, co);
   const std::string tag = "Working revision:";
   size_t at = out.find(tag);
-  if (at == std::string::npos) return "";
+  if (at == std::string::npos)
+    return "";
   size_t start = out.find_first_not_of(" \t", at + tag.size());
   return out.substr(start, out.find_first_of(" \t\n", start) - start);
 }
 
 TEST(RealClients, CvsHeadsMatchTheClient) {
-  if (!wltest::HaveTool("cvs")) GTEST_SKIP() << "cvs not installed";
+  if (!wltest::HaveTool("cvs"))
+    GTEST_SKIP() << "cvs not installed";
   TempDir dir;
   const std::string co = wltest::MakeCvsCheckout(dir);
   ASSERT_FALSE(co.empty());
@@ -519,7 +543,8 @@ TEST(RealClients, CvsHeadsMatchTheClient) {
 }
 
 TEST(RealClients, CvsRepBuildsTheTreeFromTheLog) {
-  if (!wltest::HaveTool("cvs")) GTEST_SKIP() << "cvs not installed";
+  if (!wltest::HaveTool("cvs"))
+    GTEST_SKIP() << "cvs not installed";
   TempDir dir;
   const std::string co = wltest::MakeCvsCheckout(dir);
   ASSERT_FALSE(co.empty());

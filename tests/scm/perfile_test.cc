@@ -1,9 +1,9 @@
 #include "scm/perfile.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "driver/settings.h"
 #include "scm/scmtool.h"
@@ -19,8 +19,13 @@ using wltest::TempDir;
 
 class PerFileTest : public ::testing::Test {
  protected:
-  PerFileTest() : build_(Made(wltest::RealDir(dir_.path()) + "/ws")), cwd_(build_), fakes_(dir_), tree_(true) {
-    for (const char* name : {"ss", "p4", "hsigget"}) fakes_.Add(name);
+  PerFileTest()
+      : build_(Made(wltest::RealDir(dir_.path()) + "/ws")),
+        cwd_(build_),
+        fakes_(dir_),
+        tree_(true) {
+    for (const char* name : {"ss", "p4", "hsigget"})
+      fakes_.Add(name);
   }
   static std::string Made(const std::string& path) {
     wltest::MakeDirs(path);
@@ -60,15 +65,20 @@ TEST_F(PerFileTest, VssAsksOncePerFile) {
                 "Properties");
   const std::string printed = Walk(kScmVss);
   std::string a_win = Key("src/a.c"), b_win = Key("src/b.c");
-  for (char& c : a_win) c = c == '/' ? '\\' : c;
-  for (char& c : b_win) c = c == '/' ? '\\' : c;
-  EXPECT_EQ(printed, "Executing: ss Properties \"" + a_win + "\" 2>&1\n"
-                     "Executing: ss Properties \"" + b_win + "\" 2>&1\n");
+  for (char& c : a_win)
+    c = c == '/' ? '\\' : c;
+  for (char& c : b_win)
+    c = c == '/' ? '\\' : c;
+  EXPECT_EQ(printed, "Executing: ss Properties \"" + a_win +
+                         "\" 2>&1\n"
+                         "Executing: ss Properties \"" +
+                         b_win + "\" 2>&1\n");
   EXPECT_EQ(tree_.Version(Key("src/a.c")), "7");
   EXPECT_EQ(a->size, 1234);
   EXPECT_EQ(tree_.Version(Key("known.c")), "4");
-  EXPECT_EQ(fakes_.Log(), (std::vector<std::string>{"ss|" + build_ + "|[Properties][" + a_win + "]",
-                                                    "ss|" + build_ + "|[Properties][" + b_win + "]"}));
+  EXPECT_EQ(fakes_.Log(),
+            (std::vector<std::string>{"ss|" + build_ + "|[Properties][" + a_win + "]",
+                                      "ss|" + build_ + "|[Properties][" + b_win + "]"}));
 }
 
 TEST_F(PerFileTest, VssWithoutLatestKeepsScannedSize) {
@@ -87,9 +97,10 @@ TEST_F(PerFileTest, VssStartFailure) {
   CaptureStdout cap;
   EXPECT_EQ(LoadVersionInfo(a, 0, &type), -1);
   std::string win = Key("a.c");
-  for (char& c : win) c = c == '/' ? '\\' : c;
-  EXPECT_EQ(cap.Take(), "Executing: ss Properties \"" + win + "\" 2>&1\nCould not run: ss Properties \"" +
-                            win + "\" 2>&1 ");
+  for (char& c : win)
+    c = c == '/' ? '\\' : c;
+  EXPECT_EQ(cap.Take(), "Executing: ss Properties \"" + win +
+                            "\" 2>&1\nCould not run: ss Properties \"" + win + "\" 2>&1 ");
 }
 
 const char kFilelog[] =
@@ -120,8 +131,10 @@ TEST_F(PerFileTest, PerforceAsksOncePerDirectory) {
   tree_.Add(build_, "src/e.c");
   fakes_.Output("p4", kFilelog, "filelog");
   const std::string printed = Walk(kScmPerforce);
-  EXPECT_EQ(printed, "Executing: p4 filelog -t -L \"*\" 2>&1 in dir " + build_ + "/lib/\n"
-                     "Executing: p4 filelog -t -L \"*\" 2>&1 in dir " + build_ + "/src/\n");
+  EXPECT_EQ(printed, "Executing: p4 filelog -t -L \"*\" 2>&1 in dir " + build_ +
+                         "/lib/\n"
+                         "Executing: p4 filelog -t -L \"*\" 2>&1 in dir " +
+                         build_ + "/src/\n");
   EXPECT_EQ(tree_.Version(Key("lib/d.c")), "5");
   EXPECT_EQ(tree_.Version(Key("src/a.c")), "3");
   EXPECT_EQ(tree_.Version(Key("src/b.c")), "1");
@@ -197,7 +210,8 @@ TEST_F(PerFileTest, HarvestStartFailureRestoresTheDirectory) {
 
 TEST_F(PerFileTest, OtherTypesDoNothing) {
   tree_.Add(build_, "a.c");
-  for (uint32_t type : {0u, kScmCvs, kScmCvsRep, kScmSvn, kScmSi, kScmAccurev, kScmMstf, kScmClearCase}) {
+  for (uint32_t type :
+       {0u, kScmCvs, kScmCvsRep, kScmSvn, kScmSi, kScmAccurev, kScmMstf, kScmClearCase}) {
     EXPECT_EQ(Walk(type), "") << type;
   }
   EXPECT_TRUE(fakes_.Log().empty());

@@ -2,14 +2,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "driver/settings.h"
 #include "support/handles.h"
@@ -26,15 +25,22 @@ TEST(AcquisitionPath, GroupsByMask) {
     uint32_t type;
     ScmPath path;
   } cases[] = {
-      {0, ScmPath::kListing},        {kScmCvs, ScmPath::kListing},
-      {kScmClearCase, ScmPath::kListing}, {kScmSvn, ScmPath::kListing},
-      {kScmSi, ScmPath::kListing},    {kScmAccurev, ScmPath::kListing},
-      {kScmMstf, ScmPath::kListing},  {kScmHarvest, ScmPath::kPerFile},
-      {kScmVss, ScmPath::kPerFile},   {kScmPerforce, ScmPath::kPerFile},
-      {kScmCvsRep, ScmPath::kRepositoryLog}, {kScmCvs | kScmCvsRep, ScmPath::kRepositoryLog},
+      {0, ScmPath::kListing},
+      {kScmCvs, ScmPath::kListing},
+      {kScmClearCase, ScmPath::kListing},
+      {kScmSvn, ScmPath::kListing},
+      {kScmSi, ScmPath::kListing},
+      {kScmAccurev, ScmPath::kListing},
+      {kScmMstf, ScmPath::kListing},
+      {kScmHarvest, ScmPath::kPerFile},
+      {kScmVss, ScmPath::kPerFile},
+      {kScmPerforce, ScmPath::kPerFile},
+      {kScmCvsRep, ScmPath::kRepositoryLog},
+      {kScmCvs | kScmCvsRep, ScmPath::kRepositoryLog},
       {kScmSvn | kScmVss, ScmPath::kRepositoryLog},
   };
-  for (const auto& c : cases) EXPECT_EQ(AcquisitionPath(c.type), c.path) << "type " << c.type;
+  for (const auto& c : cases)
+    EXPECT_EQ(AcquisitionPath(c.type), c.path) << "type " << c.type;
 }
 
 // Every template with its number of values, and the text it gives for
@@ -61,9 +67,13 @@ TEST(CommandTexts, PlaceholdersAndFilledTexts) {
       {kCvsRepDetailLog, 3, {"1.1", "1.2", "s/a.c"}, "cvs log -r1.1 -r1.2  \"s/a.c\" 2>&1"},
       {kCvsRepDetailDiff, 2, {"1.1", "s/a.c"}, "cvs diff -c6 -r 1.1 \"s/a.c\" 2>&1"},
       {kClearCaseDetailHist, 1, {"s/a.c"}, "cleartool lshist \"s/a.c\" 2>&1"},
-      {kClearCaseDetailDiff, 3, {"s/a.c", "/main/2", "s/a.c"},
+      {kClearCaseDetailDiff,
+       3,
+       {"s/a.c", "/main/2", "s/a.c"},
        "cleartool diff \"s/a.c@@/main/2\" \"s/a.c\" 2>&1"},
-      {kHarvestDetail, 1, {"s/a.c"},
+      {kHarvestDetail,
+       1,
+       {"s/a.c"},
        "hsigget s/a.c -t -a environment state package version versionid viewpath tag user "
        "modtime size 2>&1"},
       {kSvnDetailInfo, 1, {"/w/a.c"}, "svn info \"/w/a.c\" 2>&1"},
@@ -76,7 +86,9 @@ TEST(CommandTexts, PlaceholdersAndFilledTexts) {
       {kAccurevDetailStat, 1, {"/w/a.c"}, "accurev stat \"/w/a.c\" 2>&1"},
       {kAccurevDetailDiff, 2, {"5/2", "/w/a.c"}, "accurev diff -v 5/2 \"/w/a.c\" 2>&1"},
       {kTfDetailProps, 1, {"/w/a.c"}, "tf.exe properties \"/w/a.c\"  /noprompt 2>&1"},
-      {kTfDetailDiff, 4, {"/w/a.c", "9", "/w/a.c", "7"},
+      {kTfDetailDiff,
+       4,
+       {"/w/a.c", "9", "/w/a.c", "7"},
        "tf.exe diff \"/w/a.c;9\" \"/w/a.c;7\" /format:unix 2>&1"},
   };
   for (const auto& c : cases) {
@@ -84,11 +96,21 @@ TEST(CommandTexts, PlaceholdersAndFilledTexts) {
     std::vector<std::string_view> views(c.values.begin(), c.values.end());
     ClientCommand cmd;
     switch (views.size()) {
-      case 0: cmd = FormCommand(c.tmpl, {}); break;
-      case 1: cmd = FormCommand(c.tmpl, {views[0]}); break;
-      case 2: cmd = FormCommand(c.tmpl, {views[0], views[1]}); break;
-      case 3: cmd = FormCommand(c.tmpl, {views[0], views[1], views[2]}); break;
-      default: cmd = FormCommand(c.tmpl, {views[0], views[1], views[2], views[3]}); break;
+      case 0:
+        cmd = FormCommand(c.tmpl, {});
+        break;
+      case 1:
+        cmd = FormCommand(c.tmpl, {views[0]});
+        break;
+      case 2:
+        cmd = FormCommand(c.tmpl, {views[0], views[1]});
+        break;
+      case 3:
+        cmd = FormCommand(c.tmpl, {views[0], views[1], views[2]});
+        break;
+      default:
+        cmd = FormCommand(c.tmpl, {views[0], views[1], views[2], views[3]});
+        break;
     }
     EXPECT_EQ(cmd.text, c.filled) << c.tmpl;
     if (std::string(c.tmpl) != kVssQueryCmd) {
@@ -113,7 +135,8 @@ TEST(EscapeInQuotes, EscapesTheFourShellCharacters) {
       {"it's ok; *.c", "it's ok; *.c"},
       {"\\\"$`", "\\\\\\\"\\$\\`"},
   };
-  for (const auto& c : cases) EXPECT_EQ(EscapeInQuotes(c.in), c.out) << c.in;
+  for (const auto& c : cases)
+    EXPECT_EQ(EscapeInQuotes(c.in), c.out) << c.in;
 }
 
 TEST(ShellWord, QuotesOnlyWhatNeedsIt) {
@@ -128,7 +151,8 @@ TEST(ShellWord, QuotesOnlyWhatNeedsIt) {
       {"it's", "'it'\\''s'"},
       {"*.c", "'*.c'"},
   };
-  for (const auto& c : cases) EXPECT_EQ(ShellWord(c.in), c.out) << c.in;
+  for (const auto& c : cases)
+    EXPECT_EQ(ShellWord(c.in), c.out) << c.in;
 }
 
 TEST(FormCommand, EscapesValuesInsideQuotesOnly) {
@@ -148,16 +172,18 @@ TEST(FormCommand, NamesReachTheClientUnchanged) {
   wltest::FakeClients fakes(dir);
   fakes.AddRaw("echoargs", "for a in \"$@\"; do printf '[%s]' \"$a\"; done\n");
   wltest::ScopedCwd cwd(dir.path());
-  const char* names[] = {"$(touch PWNED).c", "a\"b.c", "back`touch PWNED`tick.c", "back\\slash.c",
-                         "tail\\",           "$HOME.c", "quote'single.c",         "blank name.c",
-                         "*.c",              "semi;colon&amp.c", "new\nline.c"};
+  const char* names[] = {"$(touch PWNED).c", "a\"b.c",       "back`touch PWNED`tick.c",
+                         "back\\slash.c",    "tail\\",       "$HOME.c",
+                         "quote'single.c",   "blank name.c", "*.c",
+                         "semi;colon&amp.c", "new\nline.c"};
   for (const char* name : names) {
     ClientCommand cmd = FormCommand("echoargs \"%s\" %s 2>&1", {name, ShellWord(name)});
     UniquePipe pipe(OpenClient(cmd));
     ASSERT_TRUE(pipe);
     std::string out;
     char buf[256];
-    while (size_t n = std::fread(buf, 1, sizeof buf, pipe.get())) out.append(buf, n);
+    while (size_t n = std::fread(buf, 1, sizeof buf, pipe.get()))
+      out.append(buf, n);
     pipe.Close();
     EXPECT_EQ(out, "[" + std::string(name) + "][" + name + "]") << name;
   }
@@ -168,8 +194,10 @@ struct Credentials {
   Credentials(const char* user, const char* password) {
     safe_free(&User);
     safe_free(&Password);
-    if (user) safe_cpy(&User, user);
-    if (password) safe_cpy(&Password, password);
+    if (user)
+      safe_cpy(&User, user);
+    if (password)
+      safe_cpy(&Password, password);
   }
   ~Credentials() {
     safe_free(&User);
@@ -268,7 +296,8 @@ std::string WriteAndRead(const TempDir& dir, const std::string& content, int lim
   UniqueFile f(std::fopen((dir / "out.txt").c_str(), "rb"));
   ClientLines lines(f.get(), limit);
   std::string all, line;
-  while (lines.Next(line)) all += "<" + line + ">";
+  while (lines.Next(line))
+    all += "<" + line + ">";
   return all;
 }
 
@@ -344,12 +373,15 @@ TEST(OpenClient, NullWhenNoPipeCanBeMade) {
   low.rlim_cur = 64;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
   std::vector<int> fds;
-  for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fds.push_back(fd);
+  for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+    fds.push_back(fd);
   FILE* pipe = OpenClient(FormCommand("true", {}));
-  for (int fd : fds) close(fd);
+  for (int fd : fds)
+    close(fd);
   setrlimit(RLIMIT_NOFILE, &saved);
   EXPECT_EQ(pipe, nullptr);
-  if (pipe) pclose(pipe);
+  if (pipe)
+    pclose(pipe);
 }
 
 }  // namespace

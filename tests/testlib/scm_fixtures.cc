@@ -42,7 +42,8 @@ ScmTree::~ScmTree() {
   tfree(dir_head_);
 }
 
-FileNode* ScmTree::Add(const std::string& root, const std::string& rel, const std::string& version) {
+FileNode* ScmTree::Add(const std::string& root, const std::string& rel,
+                       const std::string& version) {
   std::string key = root + "/" + rel;
   FileNode* node = NewFileNode(key.c_str());
   safe_cpy(&node->dir, root.c_str());
@@ -70,7 +71,8 @@ std::vector<std::string> ScmTree::Keys() const {
   WalkBintree(
       tree_,
       [](void* record, uint32_t, void* arg) -> int {
-        static_cast<std::vector<std::string>*>(arg)->push_back(static_cast<FileNode*>(record)->path);
+        static_cast<std::vector<std::string>*>(arg)->push_back(
+            static_cast<FileNode*>(record)->path);
         return 0;
       },
       &keys);
@@ -92,7 +94,8 @@ std::vector<std::string> ScmTree::DirKeys() const {
 namespace {
 std::string PathWithBin(const std::string& bin, bool keep) {
   const char* old = std::getenv("PATH");
-  if (!keep) return bin + ":/bin";
+  if (!keep)
+    return bin + ":/bin";
   return bin + ":" + (old ? old : "/usr/bin:/bin");
 }
 }  // namespace
@@ -132,7 +135,8 @@ void FakeClients::Output(const std::string& name, const std::string& text, const
 std::vector<std::string> FakeClients::Log() const {
   std::vector<std::string> lines;
   std::istringstream in(ReadFile(log_).value_or(""));
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
   return lines;
 }
 
@@ -142,7 +146,8 @@ std::vector<std::string>* g_seen = nullptr;
 
 FILE* FailingOpen(const char* command) {
   g_seen->push_back(command);
-  if ((*g_fail)(command)) return nullptr;
+  if ((*g_fail)(command))
+    return nullptr;
   return popen(command, "r");
 }
 }  // namespace
@@ -168,7 +173,8 @@ ScopedTz::Retzset::~Retzset() { tzset(); }
 
 std::string RealDir(const std::string& path) {
   char buf[PATH_MAX];
-  if (realpath(path.c_str(), buf) == nullptr) return path;
+  if (realpath(path.c_str(), buf) == nullptr)
+    return path;
   return buf;
 }
 
@@ -194,10 +200,12 @@ std::string ShOut(const std::string& script, const std::string& cwd) {
   std::string cmd = "cd '" + cwd + "' && { " + script + "\n} 2>&1";
   std::fflush(stdout);
   FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return "";
+  if (!p)
+    return "";
   std::string out;
   char buf[4096];
-  while (size_t n = std::fread(buf, 1, sizeof buf, p)) out.append(buf, n);
+  while (size_t n = std::fread(buf, 1, sizeof buf, p))
+    out.append(buf, n);
   pclose(p);
   return out;
 }
@@ -208,21 +216,27 @@ bool HaveTool(const std::string& name) {
 
 std::string MakeSvnCheckout(const TempDir& dir) {
   const std::string root = RealDir(dir.path());
-  bool ok = Sh("svnadmin create repo && svn checkout -q file://" + root + "/repo co && cd co && "
-               "echo a > a.c && mkdir sub && echo b > sub/b.c && svn add -q a.c sub && "
-               "svn commit -q -m one && echo a2 >> a.c && svn commit -q -m two",
+  bool ok = Sh("svnadmin create repo && svn checkout -q file://" + root +
+                   "/repo co && cd co && "
+                   "echo a > a.c && mkdir sub && echo b > sub/b.c && svn add -q a.c sub && "
+                   "svn commit -q -m one && echo a2 >> a.c && svn commit -q -m two",
                root);
   return ok ? root + "/co" : "";
 }
 
 std::string MakeCvsCheckout(const TempDir& dir) {
   const std::string root = RealDir(dir.path());
-  bool ok = Sh("cvs -d " + root + "/cvsroot init && mkdir empty && cd empty && "
-               "cvs -Q -d " + root + "/cvsroot import -m init mod vend start && cd .. && "
-               "cvs -Q -d " + root + "/cvsroot checkout -d co mod && cd co && "
-               "echo a > a.c && mkdir sub && cvs -Q add sub && echo b > sub/b.c && "
-               "cvs -Q add a.c sub/b.c && cvs -Q commit -m one && "
-               "echo a2 >> a.c && cvs -Q commit -m two",
+  bool ok = Sh("cvs -d " + root +
+                   "/cvsroot init && mkdir empty && cd empty && "
+                   "cvs -Q -d " +
+                   root +
+                   "/cvsroot import -m init mod vend start && cd .. && "
+                   "cvs -Q -d " +
+                   root +
+                   "/cvsroot checkout -d co mod && cd co && "
+                   "echo a > a.c && mkdir sub && cvs -Q add sub && echo b > sub/b.c && "
+                   "cvs -Q add a.c sub/b.c && cvs -Q commit -m one && "
+                   "echo a2 >> a.c && cvs -Q commit -m two",
                root);
   return ok ? root + "/co" : "";
 }
@@ -233,9 +247,11 @@ std::vector<std::string> SplitFields(const std::string& line) {
   size_t pos = 0;
   while (pos <= line.size()) {
     size_t end = line.find(';', pos);
-    if (end == std::string::npos) end = line.size();
+    if (end == std::string::npos)
+      end = line.size();
     std::string f = line.substr(pos, end - pos);
-    while (!f.empty() && f.front() == ' ') f.erase(0, 1);
+    while (!f.empty() && f.front() == ' ')
+      f.erase(0, 1);
     fields.push_back(f);
     pos = end + 1;
   }
@@ -253,7 +269,8 @@ std::vector<ScmRecord> ReadInventoryRecords(const std::string& path) {
   std::vector<ScmRecord> records;
   std::istringstream in(ReadFile(path).value_or(""));
   for (std::string line; std::getline(in, line);) {
-    if (line.find('=') != std::string::npos) continue;
+    if (line.find('=') != std::string::npos)
+      continue;
     records.push_back(ParseRecord("", line));
   }
   return records;
@@ -261,16 +278,18 @@ std::vector<ScmRecord> ReadInventoryRecords(const std::string& path) {
 
 const ScmRecord* FindRecord(const std::vector<ScmRecord>& records, const std::string& name) {
   for (const auto& r : records) {
-    if (r.name == name) return &r;
+    if (r.name == name)
+      return &r;
   }
   return nullptr;
 }
 
-RunResult RunInspection(const std::string& keyword, const std::string& build, const std::string& start,
-                        const std::string& home) {
+RunResult RunInspection(const std::string& keyword, const std::string& build,
+                        const std::string& start, const std::string& home) {
   MakeDirs(home);
-  return RunTool({"-c", keyword, "-b", build, "-lj", "job.bom.data", "-lm", "m", "-ld", "2026-01-02 03:04:05"},
-                 ToolEnv(home, std::string("http://127.0.0.1:1"), std::string("/usr/bin:/bin")), start);
+  return RunTool(
+      {"-c", keyword, "-b", build, "-lj", "job.bom.data", "-lm", "m", "-ld", "2026-01-02 03:04:05"},
+      ToolEnv(home, std::string("http://127.0.0.1:1"), std::string("/usr/bin:/bin")), start);
 }
 
 std::string RunOutputName(const std::string& kind, int counter) {
@@ -285,11 +304,13 @@ std::string DetailBlock(const std::string& report, const std::string& name) {
   bool inside = false;
   for (std::string line; std::getline(in, line);) {
     if (!inside) {
-      if (line.rfind("C;", 0) == 0 && ParseRecord("C", line.substr(2)).name == name) inside = true;
+      if (line.rfind("C;", 0) == 0 && ParseRecord("C", line.substr(2)).name == name)
+        inside = true;
       continue;
     }
     block += line + "\n";
-    if (line == std::string(22, '!')) return block;
+    if (line == std::string(22, '!'))
+      return block;
   }
   return "";
 }

@@ -141,8 +141,8 @@ const ScmRecord* FindRecord(const std::vector<ScmRecord>& records, const std::st
 // Runs the built binary for a job named "job.bom.data" on machine "m" with
 // the given -c keyword and build directory; server at a closed loopback
 // port, PATH /usr/bin:/bin, HOME `home`.
-RunResult RunInspection(const std::string& keyword, const std::string& build, const std::string& start,
-                        const std::string& home);
+RunResult RunInspection(const std::string& keyword, const std::string& build,
+                        const std::string& start, const std::string& home);
 // Name of the numbered output of such a run ("bom" or "diff").
 std::string RunOutputName(const std::string& kind, int counter);
 // The change report's detail block after the "C;" line for `name`: every
