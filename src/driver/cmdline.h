@@ -1,16 +1,50 @@
 #pragma once
 // Command line and response file: fills the run-wide settings
 // (driver/settings.h).
+//
+// The words to parse come from a response file named by a first argument
+// "@file" (its words first), then from the other arguments ('@' arguments
+// dropped). The list of words holds kMaxWords entries, the program name
+// included; a command line that collects more is refused with
+// kTooManyWordsMessage, and a response file longer than
+// kMaxResponseFileBytes with kResponseFileTooLargeFormat.
 
 #include <cstddef>
 
 // Most words (program name included) that one command line may collect.
 inline constexpr size_t kMaxWords = 200;
+// Response files are read in pieces of at most this many characters; a longer
+// line arrives in pieces, each treated as a line of its own.
+inline constexpr size_t kResponseLineChars = 999;
+// Bytes read from a response file before it is refused as too large. Legal
+// files are far smaller (kMaxWords words); the bound keeps an endless stream
+// of blank lines (a device, a pipe) from holding the run forever.
+inline constexpr size_t kMaxResponseFileBytes = 64u * 1024u * 1024u;
+
+// Printed (one line) when the command line collects more than kMaxWords - 1
+// words.
+inline constexpr const char* kTooManyWordsMessage =
+    "Too many words on the command line: at most 199 are accepted.";
+// Printed with the response file's name when it is larger than
+// kMaxResponseFileBytes.
+inline constexpr const char* kResponseFileTooLargeFormat =
+    "Response file %s is too large: at most 67108864 bytes are read.\n";
+
+// The version text of the banner.
+inline constexpr const char* kVersionText = "7.5.1 Build 10142020";
 
 // Parse the command line (and a response file named by a first argument
-// "@file"). Returns 1 when the run may go on, 0 when it must stop (a message
-// or the usage text has been printed).
+// "@file") into the run-wide settings. Returns 1 when the run may go on, 0
+// when it must stop (a message or the usage text has been printed). On 0 the
+// settings already made stay in place; the caller releases them. The
+// arguments themselves are not modified. Everything goes to standard output.
 int ParseParms(int argc, char** argv);
-// Copy the product name "Weftlane(R)" into buffer (at least 12 bytes);
-// returns buffer.
+
+// Copy the product name "Weftlane(R)" (with its terminator) into buffer,
+// which must hold at least 12 bytes; returns buffer.
 char* GetOEMVersion(char* buffer);
+
+// Print the version banner: "\n%s V%s, <notice>\n\n".
+void PrintVersionBanner();
+// Print the usage text followed by one empty line.
+void PrintUsage();

@@ -1,19 +1,58 @@
 #pragma once
 // The run sequence of one inspection and the small operations only it uses.
+//
+// InspectorMain runs one inspection from start to end: server setting,
+// command line, numbered output names in the start directory, the scan of
+// the build directory with SCM versions, the previous inventory, the change
+// report and the new inventory, the transfer copies and their upload. Every
+// message goes to standard output.
 
 #include <cstdint>
 #include <string>
 
-// The whole program: returns the exit status (0 complete run, 1 failure).
+// Printed when no server setting is found.
+inline constexpr const char* kNoServerMessage = "WEFTLANE_SERVER environment variable must be set.";
+// Printed with a file name when an output file cannot be written.
+inline constexpr const char* kCouldNotWriteFormat = "Could not write to %s\n";
+
+// file_copy's lock attempts: one, then up to this many retries, each after a
+// pause of kLockRetryPauseSeconds.
+inline constexpr int kLockRetries = 100;
+inline constexpr unsigned kLockRetryPauseSeconds = 2;
+
+// The whole program: returns the exit status (0 complete run, also when an
+// upload failed; 1 refused command line, missing server setting, or an output
+// file that cannot be written). Releases everything it made before it
+// returns, except when the server setting is missing (it returns at once).
 int InspectorMain(int argc, char** argv);
-// 1 when path names an existing, readable non-directory file (size and
-// modification time stored), else 0. Paths beginning with "//" are never
-// examined.
+
+// 1 when path names an existing file that can be opened for reading and is
+// not a directory (its size and modification time are stored), else 0. The
+// size output is always set (0 on failure). Paths beginning with "//" are
+// never examined. A directory whose modification time reads as 0 is not
+// recognised as one.
 int FileStat(const char* path, int64_t* size_out, uint64_t* mtime_out);
-// Login name of the effective user (empty when unknown); stored in buffer.
+
+// Login name of the effective user, stored in buffer (empty when unknown);
+// returns buffer.
 std::string& GetUserId(std::string& buffer);
-// Copy source to destination under an exclusive lock on the destination.
-// NOTE the inverted convention: 0 on success, 1 on failure.
+
+// Copy source to destination byte by byte under an exclusive, non-blocking
+// flock on the destination, which is created or truncated before the lock is
+// tried. A failed lock is retried kLockRetries times after pauses of
+// kLockRetryPauseSeconds (through file_copy_pause); when the retries are used
+// up the copy fails, even if the last attempt got the lock, and the
+// destination is deliberately left open (and locked, if it was) until the
+// process ends.
+// NOTE the inverted convention: returns 0 on success, 1 on failure.
+// Failure also covers: destination cannot be opened, source cannot be
+// opened, or a write/close error on the destination.
 int file_copy(const char* source, const char* destination);
-// Pause for whole seconds.
+
+// Pause the calling thread for whole seconds.
 void Secs2Sleep(unsigned seconds);
+
+// The pause file_copy takes between lock attempts; Secs2Sleep unless a test
+// replaces it. Reset it to Secs2Sleep after use.
+using PauseFunction = void (*)(unsigned seconds);
+extern PauseFunction file_copy_pause;

@@ -20,8 +20,10 @@
 //   because multiset::insert places a new element after its equals, exactly
 //   as the descent sends an equal key to `greater`. Deletion removes an
 //   element without reordering the others, as the link surgery does.
-// - `parent` maps each linked record to the record whose link holds it (the
-//   head for the root), so a record can be unlinked without a descent.
+// - `links` maps each linked record to the record whose link holds it (the
+//   head for the root) and to its place in `order`, so a record is unlinked
+//   without a descent and without comparing keys: DestroyBintree works even
+//   after a caller has already cleared the keys.
 //
 // Facts about the links that the index relies on (keys: lesser < record <=
 // greater, which insertion and deletion both preserve):
@@ -54,11 +56,15 @@ struct BintreeIndex {
     }
   };
   using Order = std::multiset<BintreeNode*, Less>;
+  struct Entry {
+    BintreeNode* parent;
+    Order::iterator pos;
+  };
 
   explicit BintreeIndex(BintreeCompare compare) : order(Less{compare}) {}
 
   Order order;
-  std::unordered_map<const BintreeNode*, BintreeNode*> parent;
+  std::unordered_map<const BintreeNode*, Entry> links;
   bool owns_head = false;
 };
 
@@ -83,7 +89,23 @@ BintreeNode** LinkTo(BintreeNode* parent, const BintreeNode* child) {
 
 void SetParent(BintreeIndex* index, BintreeNode* child, BintreeNode* parent) {
   if (child != nullptr) {
-    index->parent[child] = parent;  // existing entry: no allocation
+    index->links.at(child).parent = parent;
+  }
+}
+
+// Add a record to the index at `hint` (its place in walk order) under `parent`.
+void AddToIndex(BintreeIndex* index, BintreeIndex::Order::const_iterator hint, BintreeNode* node,
+                BintreeNode* parent) {
+  try {
+    auto pos = index->order.insert(hint, node);
+    try {
+      index->links.emplace(node, BintreeIndex::Entry{parent, pos});
+    } catch (...) {
+      index->order.erase(pos);
+      throw;
+    }
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
   }
 }
 
@@ -97,12 +119,11 @@ BintreeIndex::Order::iterator FindFirstEqual(Bintree* tree, const void* probe) {
   return order.end();
 }
 
-// Unlink the record at `it` with the replacement rule of the plain tree and
-// drop it from the index. Every step is O(1) apart from the index erase.
-BintreeNode* Unlink(Bintree* tree, BintreeIndex::Order::iterator it) {
-  BintreeIndex* index = tree->index;
-  BintreeNode* n = *it;
-  BintreeNode* parent = index->parent.at(n);
+// Unlink the linked record `n` with the replacement rule of the plain tree
+// and drop it from the index. No key is compared and nothing is walked.
+void Unlink(BintreeIndex* index, BintreeNode* n) {
+  const BintreeIndex::Entry entry = index->links.at(n);
+  BintreeNode* parent = entry.parent;
   BintreeNode** link = LinkTo(parent, n);
   BintreeNode* g = n->greater;
   BintreeNode* replacement;
@@ -115,8 +136,8 @@ BintreeNode* Unlink(Bintree* tree, BintreeIndex::Order::iterator it) {
   } else {
     // The smallest record of the greater subtree, its in-order successor,
     // straight from the index instead of a walk down the lesser links.
-    BintreeNode* s = *std::next(it);
-    BintreeNode* p = index->parent.at(s);
+    BintreeNode* s = *std::next(entry.pos);
+    BintreeNode* p = index->links.at(s).parent;
     p->lesser = s->greater;
     SetParent(index, s->greater, p);
     s->lesser = n->lesser;
@@ -127,34 +148,31 @@ BintreeNode* Unlink(Bintree* tree, BintreeIndex::Order::iterator it) {
   }
   *link = replacement;
   SetParent(index, replacement, parent);
-  index->order.erase(it);
-  index->parent.erase(n);
-  return n;
+  index->order.erase(entry.pos);
+  index->links.erase(n);
 }
 
 // Index the records already linked below the head, in walk order.
 void IndexExisting(Bintree* tree) {
   BintreeIndex* index = tree->index;
-  std::vector<BintreeNode*> stack;
+  struct Frame {
+    BintreeNode* node;
+    BintreeNode* parent;
+  };
+  std::vector<Frame> stack;
   BintreeNode* node = Root(tree);
-  if (node != nullptr) {
-    index->parent[node] = tree->head;
-  }
+  BintreeNode* parent = tree->head;
   while (node != nullptr || !stack.empty()) {
     while (node != nullptr) {
-      stack.push_back(node);
-      if (node->lesser != nullptr) {
-        index->parent[node->lesser] = node;
-      }
+      stack.push_back({node, parent});
+      parent = node;
       node = node->lesser;
     }
-    node = stack.back();
+    Frame frame = stack.back();
     stack.pop_back();
-    index->order.insert(index->order.end(), node);
-    if (node->greater != nullptr) {
-      index->parent[node->greater] = node;
-    }
-    node = node->greater;
+    AddToIndex(index, index->order.end(), frame.node, frame.parent);
+    parent = frame.node;
+    node = frame.node->greater;
   }
 }
 
@@ -223,7 +241,7 @@ int InsBintree(Bintree* tree, void* record) {
   }
   BintreeIndex* index = tree->index;
   BintreeNode* node = Node(record);
-  if (node == tree->head || index->parent.count(node) != 0) {
+  if (node == tree->head || index->links.count(node) != 0) {
     return -1;  // linking it twice would make a cycle
   }
   BintreeIndex::Order& order = index->order;
@@ -247,17 +265,7 @@ int InsBintree(Bintree* tree, void* record) {
     parent = tree->head;
     link = &parent->greater;
   }
-  try {
-    index->parent.emplace(node, parent);
-    try {
-      order.insert(successor, node);
-    } catch (...) {
-      index->parent.erase(node);
-      throw;
-    }
-  } catch (const std::bad_alloc&) {
-    OutOfMemory();
-  }
+  AddToIndex(index, successor, node, parent);
   node->greater = nullptr;
   node->lesser = nullptr;
   *link = node;
@@ -296,7 +304,9 @@ void* DelBintree(Bintree* tree, const void* probe) {
   if (it == tree->index->order.end()) {
     return nullptr;
   }
-  return Unlink(tree, it);
+  BintreeNode* node = *it;
+  Unlink(tree->index, node);
+  return node;
 }
 
 int WalkBintree(Bintree* tree, BintreeVisit visit, void* arg) {
@@ -356,21 +366,18 @@ void DestroyBintree(Bintree* tree, BintreeRelease release) {
   if (tree == nullptr) {
     return;
   }
-  // Remove the root until none is left. The old loop also went round while
-  // the head's lesser link was set; no operation sets it, and looping on it
-  // could never end, so only the root is looked at.
+  // Remove the root until none is left: the root, then whatever replaced it.
+  // The head's lesser link is not consulted: the tree never sets it, and
+  // waiting for a caller-set one to clear would never end.
   BintreeIndex* index = tree->index;
   while (Root(tree) != nullptr) {
     BintreeNode* root = Root(tree);
-    // The root is the first of its equal keys in walk order, so it is the
-    // record the usual lookup finds for itself.
-    auto it = FindFirstEqual(tree, root);
-    if (it == index->order.end() || *it != root) {
-      // Only possible if a caller changed a linked key or link behind the
-      // tree's back; stop rather than unlink the wrong record.
+    if (index->links.count(root) == 0) {
+      // Only possible if a caller relinked records behind the tree's back;
+      // stop rather than follow links the index does not know.
       break;
     }
-    Unlink(tree, it);
+    Unlink(index, root);
     if (release != nullptr) {
       release(root);
     }

@@ -761,6 +761,27 @@ TEST(BintreeDestroy, ReleasesTheRootUntilEmpty) {
   }
 }
 
+std::vector<int>* g_released_ids = nullptr;
+
+TEST(BintreeDestroy, NeedsNoKeysToUnlink) {
+  TestTree tree;
+  tree.InsertAll(Split("d b f a c e g"));
+  // A caller that releases every record's texts first, then destroys.
+  WalkBintree(
+      tree.get(),
+      [](void* record, uint32_t, void*) -> int {
+        FreeRecText(record);
+        return 0;
+      },
+      nullptr);
+  std::vector<int> ids;
+  g_released_ids = &ids;
+  tree.Destroy([](void* record) { g_released_ids->push_back(AsRec(record)->id); });
+  g_released_ids = nullptr;
+  // d e f g b c a, as when the keys are there.
+  EXPECT_EQ(ids, (std::vector<int>{0, 5, 2, 6, 1, 4, 3}));
+}
+
 TEST(BintreeDestroy, NullTreeAndNullReleaseAreHarmless) {
   DestroyBintree(nullptr, LogAndFreeText);
   // Keys that are not safe strings: nothing for a release function to do.

@@ -1,0 +1,22 @@
+#!/bin/sh
+# Report upload speed and memory: posts reports of growing size through
+# UploadFile to a loopback server that drops the body, and prints time,
+# throughput and the growth of peak resident memory for each. Time should
+# grow linearly with the size and memory by about one copy of the report.
+#
+# usage: bench/net_upload.sh [build-dir] [sizes in MB...]
+# (default build/release, configured and built here when missing; sizes
+# 25 50 100 200)
+set -eu
+cd "$(dirname "$0")/.."
+build=${1:-build/release}
+[ $# -gt 0 ] && shift
+sizes=${*:-25 50 100 200}
+if [ ! -x "$build/tests/net_tests" ]; then
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake --build "$build" --target net_tests -j 2 >/dev/null
+fi
+for mb in $sizes; do
+  WL_BENCH_MB=$mb "$build/tests/net_tests" --gtest_also_run_disabled_tests \
+    --gtest_filter='UploadBench.DISABLED_Report' | grep '^upload bench:'
+done

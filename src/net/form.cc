@@ -1,0 +1,50 @@
+#include "net/form.h"
+
+#include "support/strings.h"
+
+namespace {
+
+const char* OrEmpty(const char* text) { return text ? text : ""; }
+
+}  // namespace
+
+std::string HostLine(const std::string& host, const std::string& port, const char* line_end) {
+  return "Host: " + host + ":" + port + line_end;
+}
+
+void AppendFormField(std::string& body, const char* name, const char* value) {
+  body += kFormDelimiterLine;
+  body += "Content-Disposition: form-data; name=\"";
+  body += name;
+  body += "\"\r\n\r\n";
+  body += OrEmpty(value);
+  body += "\r\n";
+}
+
+void AppendFilePartHead(std::string& body, const char* filename) {
+  body += "Content-Disposition: form-data; name=\"mptest\"; filename=\"";
+  body += OrEmpty(filename);
+  body += "\"\r\nContent-Type: text/html\r\n\r\n";
+}
+
+std::string UploadHeader(const std::string& host, const std::string& port) {
+  std::string header;
+  header += kUploadRequestLine;
+  header += kAcceptLine;
+  header += kAcceptLanguageLine;
+  header += kFormContentTypeLine;
+  header += kAcceptEncodingLine;
+  header += kUserAgentLine;
+  header += HostLine(host, port, "\r\n");
+  return header;
+}
+
+void AppendUploadFields(std::string& body, const char* task_name, const char* owner,
+                        const char* machine, const char* public_flag, const char* job_date_time) {
+  AppendFormField(body, "JobName", task_name);
+  AppendFormField(body, "Owner", owner);
+  AppendFormField(body, "Machine", machine);
+  AppendFormField(body, "PublicBuildJob",
+                  IsEqual(OrEmpty(public_flag), "true", 0) ? "true" : "false");
+  AppendFormField(body, "JobDateTime", job_date_time);
+}
