@@ -5,7 +5,9 @@
 // and freed with tfree (by DestroyBintree for linked records, by the owner for
 // head records). Their text fields are safe strings (support/strings.h).
 
+#include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "support/bintree.h"
 
@@ -28,14 +30,21 @@ struct FileNode {
   [[no_unique_address]] FileNodeDetail detail;
 };
 
+// The tree reads a record's key through the BintreeNode prefix.
+static_assert(std::is_standard_layout_v<FileNode> && std::is_trivially_copyable_v<FileNode>);
+static_assert(offsetof(FileNode, path) == offsetof(BintreeNode, key));
+static_assert(sizeof(FileNode) <= 80, "detail must not take space in the record");
+
 struct DirNode {
   BintreeNode* greater;
   BintreeNode* lesser;
   char* key;  // directory path
 };
 
+static_assert(offsetof(DirNode, key) == offsetof(BintreeNode, key));
+
 // A new record: path = key (or empty for null), the other texts empty,
-// numbers 0. Free with FreeFileNode then tfree.
+// numbers 0, detail zero. Free with FreeFileNode then tfree.
 FileNode* NewFileNode(const char* key);
 // Release the five texts and zero the record (not its block). Null ignored.
 void FreeFileNode(void* record);

@@ -1,4 +1,45 @@
 #include "inventory/report.h"
-// TODO(inventory): stub
-int Deleted(void*, uint32_t, void*) { return 0; }
-int AddedAndChanged(void*, uint32_t, void*) { return 0; }
+
+#include <cstdio>
+
+#include "driver/settings.h"
+#include "inventory/filenode.h"
+#include "scm/detail.h"
+#include "support/bintree.h"
+#include "support/strings.h"
+
+namespace {
+
+void WriteLine(FILE* report, const char* format, const FileNode* node) {
+  std::fprintf(report, format, node->dir, node->name, static_cast<long>(node->size),
+               static_cast<long>(node->mtime), node->digest, node->version);
+}
+
+bool Changed(const FileNode* current, const FileNode* earlier) {
+  if (!IsEqual(current->digest, earlier->digest, 0)) return true;
+  // Equal digests count only when present; unreadable both times, the
+  // version decides.
+  if (current->digest[0] == '\0') return !IsEqual(current->version, earlier->version, 0);
+  return false;
+}
+
+}  // namespace
+
+int Deleted(void* record, uint32_t /*depth*/, void* arg) {
+  auto* node = static_cast<FileNode*>(record);
+  if (!FindKey(FileTree, node->path)) WriteLine(static_cast<FILE*>(arg), kDeletedFormat, node);
+  return 0;
+}
+
+int AddedAndChanged(void* record, uint32_t /*depth*/, void* arg) {
+  auto* node = static_cast<FileNode*>(record);
+  auto* report = static_cast<FILE*>(arg);
+  auto* earlier = static_cast<FileNode*>(FindKey(OldFileTree, node->path));
+  if (!earlier) {
+    WriteLine(report, kAddedFormat, node);
+  } else if (Changed(node, earlier)) {
+    WriteLine(report, kChangedFormat, node);
+    GetDetail(SCMType, report, node, earlier);
+  }
+  return 0;
+}

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "driver/settings.h"
+#include "net/soap.h"
 #include "net/upload.h"
 #include "support/strings.h"
 #include "testlib/net_fixtures.h"
@@ -136,6 +137,28 @@ TEST_F(UploadToProcess, ReceiverStoresFieldsFileAndRawRequest) {
   std::string log = ReadFile(dir_ / "receiver.out").value_or("");
   EXPECT_TRUE(log.starts_with(port + "\n1: POST /weftlane/LogUpload HTTP/1.1, ")) << log;
   EXPECT_NE(log.find(", file 2-b-diff.data\n"), std::string::npos) << log;
+}
+
+// A request that states one byte less than it sends (as the SOAP posts do)
+// is stored whole and still gets its answer.
+TEST(Receiver, KeepsBytesBeyondTheStatedLengthAndAnswers) {
+  TempDir dir;
+  BackgroundProcess receiver({WL_RECEIVER, "--dir", dir / "got", "--port-file", dir / "port",
+                              "--count", "1", "--timeout", "30"},
+                             dir / "receiver.out", dir / "receiver.err");
+  std::string port = Port(receiver.WaitForLineFile(dir / "port"));
+  ASSERT_FALSE(port.empty());
+  std::string err;
+  char* answer = HTTPPostSoap2(err, ("http://127.0.0.1:" + port + "/svc").c_str(), "<a>\n</a>", 0);
+  ASSERT_NE(answer, nullptr) << err;
+  EXPECT_EQ(std::string(answer),
+            "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 3\r\nConnection: "
+            "close\r\n\r\nOK\n");
+  safe_free(&answer);
+  ASSERT_EQ(receiver.Wait(), 0);
+  EXPECT_EQ(wltest::ListDir(dir / "got"),
+            (std::vector<std::string>{"1-body.bin", "1-request.bin"}));
+  EXPECT_EQ(ReadFile(dir / "got/1-body.bin"), "<a></a>\n\n");
 }
 
 TEST(Receiver, HelpAndBadArguments) {

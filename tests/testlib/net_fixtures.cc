@@ -308,6 +308,23 @@ LoopbackListener::Handler ReplyWith(std::string reply) {
   };
 }
 
+LoopbackListener::Handler ReplyAfter(std::function<bool(const std::string&)> pred,
+                                     std::string reply) {
+  return [pred, reply](ServerConn& c) {
+    c.ReadUntil(pred);
+    c.Send(reply);
+    c.FinishAndDrain();
+  };
+}
+
+LoopbackListener::Handler ReplyAfterTail(std::string tail, std::string reply) {
+  return ReplyAfter(
+      [tail](const std::string& d) {
+        return HeaderEnd(d) != std::string::npos && d.ends_with(tail);
+      },
+      std::move(reply));
+}
+
 std::string OkReply() {
   return "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 3\r\nConnection: "
          "close\r\n\r\nOK\n";

@@ -97,6 +97,12 @@ class LoopbackListener {
 // Handlers for common cases.
 // Read a whole request, send `reply`, finish cleanly.
 LoopbackListener::Handler ReplyWith(std::string reply);
+// Read until pred(data) holds, send `reply`, finish cleanly.
+LoopbackListener::Handler ReplyAfter(std::function<bool(const std::string&)> pred,
+                                     std::string reply);
+// Read until the bytes received end with `tail` (and at least one header
+// block came), send `reply`, finish cleanly.
+LoopbackListener::Handler ReplyAfterTail(std::string tail, std::string reply);
 // "HTTP/1.1 200 OK" with a short body.
 std::string OkReply();
 

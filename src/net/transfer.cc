@@ -1,0 +1,125 @@
+#include "net/transfer.h"
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "net/soap.h"
+#include "net/transport.h"
+#include "support/strings.h"
+
+namespace {
+
+constexpr int32_t kGetLine = 60000;
+constexpr int kPostLine = 2048;
+constexpr int32_t kAnswerLine = 2048;
+constexpr char kNotFoundPage[] = "<head><title>Not Found (404)";
+constexpr size_t kNotFoundCompared = 25;
+
+const char* OrEmpty(const char* text) { return text ? text : ""; }
+
+// The text up to its first NUL.
+void AppendText(std::string& out, const char* text) { out.append(text, std::strlen(text)); }
+
+// Judge one header line of a GET answer; only status lines are looked at.
+void JudgeHeaderLine(std::string& err, const char* line) {
+  if (!IsNEqual(line, "HTTP", 4, 0))
+    return;
+  if (std::strstr(line, " 404")) {
+    err = std::string("ERROR 404: file not found, ") + line + "\n";
+  } else if (!std::strstr(line, " 200")) {
+    err = std::string("ERROR 401: http connect error, ") + line + "\n";
+  }
+}
+
+bool GetOverHttp(std::string& err, const char* source, std::string& result) {
+  std::string url = OrEmpty(source);
+  ReplaceStr(url, " ", "%20", 1);
+  std::string host;
+  std::string port;
+  std::string path;
+  int fd = tcp_connect(err, url.c_str(), host, port, path);
+  if (fd < 0)
+    return false;
+  const std::string request = "GET " + path + " HTTP/1.0\n" + "\n\n";
+  (void)WriteAll(fd, request.data(), request.size());
+  std::vector<char> line(kGetLine);
+  bool in_header = true;
+  while (readline(fd, line.data(), kGetLine) >= 1) {
+    if (in_header) {
+      const char first = line[0];
+      if (first == '\0' || first == '\n' || first == '\r') {
+        in_header = false;
+      } else {
+        JudgeHeaderLine(err, line.data());
+      }
+      continue;
+    }
+    AppendText(result, line.data());
+  }
+  WLCleanUp(fd);
+  return true;
+}
+
+bool GetFromFile(const char* source, std::string& result) {
+  FILE* file = std::fopen(OrEmpty(source), "re");
+  if (!file)
+    return false;
+  std::vector<char> buffer(kGetLine);
+  std::setvbuf(file, buffer.data(), _IOFBF, buffer.size());
+  std::vector<char> piece(kGetLine);
+  while (std::fgets(piece.data(), kGetLine, file))
+    AppendText(result, piece.data());
+  std::fclose(file);  // before `buffer` goes away
+  return true;
+}
+
+}  // namespace
+
+char* HTTPGet(std::string& err, const char* source) {
+  err.clear();
+  std::string result;
+  const bool ok = IsNEqual(OrEmpty(source), "http://", 7, 1) ? GetOverHttp(err, source, result)
+                                                             : GetFromFile(source, result);
+  if (!ok)
+    return nullptr;
+  if (CompareToN(result.c_str(), kNotFoundPage, kNotFoundCompared, 0) == 0)
+    return nullptr;
+  char* text = nullptr;
+  safe_cpy(&text, result.c_str());
+  return text;
+}
+
+int HTTPPost(std::string& err, const char* url, const char* path) {
+  err.clear();
+  std::string host;
+  std::string port;
+  std::string url_path;
+  int fd = tcp_connect(err, OrEmpty(url), host, port, url_path);
+  FILE* file = std::fopen(OrEmpty(path), "re");
+  if (!file) {
+    std::printf("ERROR 11: Could not read dependency file %s\n", OrEmpty(path));
+    if (fd >= 0)
+      WLCleanUp(fd);
+    return 7;
+  }
+  std::vector<char> line(kPostLine);
+  long total = 0;
+  while (std::fgets(line.data(), kPostLine, file)) {
+    total += static_cast<long>(std::strlen(StripChar(line.data(), "\r\n", 2)));
+  }
+  std::rewind(file);
+  const std::string header = SoapRequestHeader(url_path, host, port, total + 1);
+  (void)WriteAll(fd, header.data(), header.size());
+  while (std::fgets(line.data(), kPostLine, file)) {
+    const char* stripped = StripChar(line.data(), "\r\n", 2);
+    (void)WriteAll(fd, stripped, std::strlen(stripped));
+  }
+  (void)writen(fd, "\n\n", 2);
+  std::vector<char> answer(kAnswerLine);
+  while (readline(fd, answer.data(), kAnswerLine) > 0) {
+  }
+  WLCleanUp(fd);
+  // The file is deliberately left open, as the old client left it.
+  return 0;
+}
