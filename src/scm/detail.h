@@ -1,9 +1,19 @@
 #pragma once
-// Change detail for a changed file.
+// Change detail: the SCM client's history (or properties) and differences
+// for a changed file, copied into the change report below its "C;" record.
 
 #include <cstdint>
 #include <cstdio>
 
 #include "inventory/filenode.h"
 
+// Ask the tool of `scmType` about `newNode` (this run's record) and, when
+// `oldNode` (the previous run's record) has a version, for the differences
+// since then; append the raw output to `report`, closed by a line of 22 "!".
+// Progress lines go to standard output. Nothing at all is written for a type
+// without detail commands (0), and nothing to the report when the first
+// command cannot start; when the second cannot start the block has no
+// separator. CVS, CVSREP, HARVEST, PERFORCE and ACCUREV run in the file's
+// directory and restore the current directory before returning; the others
+// run in the current directory.
 void GetDetail(uint32_t scmType, FILE* report, FileNode* newNode, FileNode* oldNode);

@@ -1,4 +1,300 @@
 #include "scm/listing.h"
-// TODO(scm): stub
-void FindVersionInfo(Bintree*, const char*, uint32_t) {}
-int LoadRepository(const char*, const char*, Bintree*) { return 0; }
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+#include "driver/settings.h"
+#include "inventory/digest.h"
+#include "inventory/filenode.h"
+#include "scm/scmtool.h"
+#include "support/handles.h"
+#include "support/paths.h"
+#include "support/strings.h"
+
+namespace {
+
+void SetVersion(Bintree* tree, const std::string& key, const std::string& version) {
+  if (FileNode* node = FindFile(tree, key))
+    safe_cpy(&node->version, version.c_str());
+}
+
+// Entries of the shape "Path: ", "Revision: ", "Node Kind: " (svn info and
+// si viewsandbox). The pending revision is deliberately kept from one entry
+// to the next: an entry without its own revision line takes the last one.
+void ReadInfoEntries(FILE* pipe, Bintree* tree, const char* buildDir) {
+  ClientLines lines(pipe, kShortLineLimit);
+  std::string line, path, revision;
+  bool in_entry = false;
+  while (lines.Next(line)) {
+    TrimTrailing(line);
+    if (HasPrefix(line, "Path: ")) {
+      in_entry = true;
+      path = TreeKey(buildDir, From(line, 6));
+    } else if (in_entry && HasPrefix(line, "Revision: ")) {
+      revision = From(line, 10);
+    } else if (HasPrefix(line, "Node Kind: ") && line.find("file") != std::string::npos) {
+      in_entry = false;
+      SetVersion(tree, path, revision);
+    }
+  }
+}
+
+// Runs a listing announced by "Executing: %s\n"; null after printing the
+// failure line when it cannot start.
+UniquePipe StartListing(const ClientCommand& cmd) {
+  PrintExecuting(cmd.shown);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe)
+    PrintCouldNotRun(cmd.shown);
+  return pipe;
+}
+
+// The same for the listings announced by "Executing: %s 2>&1 \n".
+UniquePipe StartRedirectListing(const ClientCommand& cmd, const std::string& shown) {
+  PrintExecutingRedirect(shown);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe)
+    PrintCouldNotRunRedirect(shown);
+  return pipe;
+}
+
+void ListCvs(Bintree* tree, const char* buildDir) {
+  UniquePipe pipe = StartListing(FormCommand(kCvsListCmd, {}));
+  if (!pipe)
+    return;
+  ClientLines lines(pipe.get(), kShortLineLimit);
+  std::string line, path;
+  bool in_file = false;
+  while (lines.Next(line)) {
+    TrimTrailing(line);
+    if (HasPrefix(line, "Working File:")) {
+      in_file = true;
+      path = TreeKey(buildDir, From(line, 14));
+    } else if (in_file && HasPrefix(line, "head:")) {
+      in_file = false;
+      SetVersion(tree, path, From(line, 6));
+    }
+  }
+  (void)pipe.Close();  // the exit status is not examined
+}
+
+void ListClearCase(Bintree* tree, const char* buildDir) {
+  UniquePipe pipe = StartListing(FormCommand(kClearCaseListCmd, {}));
+  if (!pipe)
+    return;
+  ClientLines lines(pipe.get(), kLongLineLimit);
+  std::string line;
+  while (lines.Next(line)) {
+    TrimTrailing(line);
+    size_t at = line.find("@@");
+    if (at == std::string::npos)
+      continue;
+    std::string element = line.substr(0, at);
+    if (element.compare(0, 2, "./") == 0 || element.compare(0, 2, ".\\") == 0)
+      element.erase(0, 2);
+    // The version is the whole rest of the line (branch, version and any rule
+    // text the tool prints after it).
+    SetVersion(tree, TreeKey(buildDir, element), line.substr(at + 2));
+  }
+  (void)pipe.Close();
+}
+
+void ListSvn(Bintree* tree, const char* buildDir) {
+  UniquePipe pipe = StartListing(FormCommand(kSvnListCmd, {}));
+  if (!pipe)
+    return;
+  ReadInfoEntries(pipe.get(), tree, buildDir);
+  (void)pipe.Close();
+}
+
+void ListAccurev(Bintree* tree, const char* buildDir) {
+  ClientCommand cmd = FormCommand(kAccurevListCmd, {buildDir});
+  UniquePipe pipe = StartRedirectListing(cmd, cmd.shown);
+  if (!pipe)
+    return;
+  ClientLines lines(pipe.get(), kShortLineLimit);
+  std::string line;
+  while (lines.Next(line)) {
+    TrimTrailing(line);
+    std::string word = GetWord(line.c_str(), " ", 1, 1);
+    std::string path =
+        (!word.empty() && word[0] == '.') ? std::string(buildDir) + word.substr(1) : word;
+    ReplaceSlash2(path, '/');
+    SetVersion(tree, path, GetWord(line.c_str(), " ", 2, 2));
+  }
+  (void)pipe.Close();
+}
+
+// Strip blanks and tabs, then one colon, then blanks and tabs again, from
+// the front of a tf field ("Changeset    : 12" -> "12").
+std::string TfValue(const std::string& rest) {
+  std::string value = rest;
+  StripChar(value, " \t", 0);
+  if (!value.empty() && value[0] == ':')
+    value.erase(0, 1);
+  StripChar(value, " \t", 0);
+  return value;
+}
+
+void ListTf(Bintree* tree, const char* buildDir) {
+  ClientCommand cmd = FormCommand(kTfListCmd, {buildDir});
+  UniquePipe pipe = StartRedirectListing(cmd, cmd.shown);
+  if (!pipe)
+    return;
+  ClientLines lines(pipe.get(), kShortLineLimit);
+  std::string line, path, changeset;
+  bool in_item = false;
+  while (lines.Next(line)) {
+    TrimBoth(line);
+    if (HasPrefix(line, "Local path")) {
+      // The tool prints absolute local paths: nothing is prefixed.
+      in_item = true;
+      path = TfValue(From(line, 10));
+      ReplaceSlash2(path, '/');
+    } else if (in_item && HasPrefix(line, "Changeset")) {
+      changeset = TfValue(From(line, 9));
+    } else if (HasPrefix(line, "Type") && line.find("file") != std::string::npos) {
+      // "Type" shows again in the server section; setting the same value
+      // twice is harmless.
+      in_item = false;
+      SetVersion(tree, path, changeset);
+    }
+  }
+  (void)pipe.Close();
+}
+
+void ListSi(Bintree* tree, const char* buildDir) {
+  std::string sandbox;
+  // The bare pattern has no directory to open, so this ends the branch
+  // silently unless a project file is found.
+  if (FindFirstWildcard(sandbox, "*.pj", 1024) == 0)
+    return;
+  ListSiSandbox(tree, buildDir, sandbox);
+}
+
+// Split a "date:" value at "/", ":" and blanks and read year, month, day,
+// hour, minute and second in that order; the rest of the words are ignored.
+// atoi drops the ";" after the seconds.
+int64_t CvsLogTime(const std::string& text) {
+  int fields[6] = {};
+  size_t count = 0;
+  size_t pos = 0;
+  while (count < 6) {
+    pos = text.find_first_not_of("/: ", pos);
+    if (pos == std::string::npos)
+      break;
+    size_t end = text.find_first_of("/: ", pos);
+    std::string word = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+    fields[count++] = std::atoi(word.c_str());
+    if (end == std::string::npos)
+      break;
+    pos = end;
+  }
+  struct tm when {};
+  when.tm_year = fields[0] - 1900;
+  when.tm_mon = fields[1] - 1;
+  when.tm_mday = fields[2];
+  when.tm_hour = fields[3];
+  when.tm_min = fields[4];
+  when.tm_sec = fields[5];
+  // Converted as local time with daylight saving off, although the log
+  // prints universal time: earlier inventories hold times made this way.
+  when.tm_isdst = 0;
+  return static_cast<int64_t>(std::mktime(&when));
+}
+
+}  // namespace
+
+void ListSiSandbox(Bintree* tree, const char* buildDir, const std::string& sandbox) {
+  ClientCommand cmd = FormCommand(kSiListCmd, {sandbox});
+  // The progress and failure lines show only the masked credentials (empty
+  // without a user), not the command.
+  std::string shown;
+  (void)AddUserPassword(cmd.text, shown, "--user", "--password", 4096);
+  cmd.text += kSiRedirect;
+  UniquePipe pipe = StartRedirectListing(cmd, shown);
+  if (!pipe)
+    return;
+  ReadInfoEntries(pipe.get(), tree, buildDir);
+  (void)pipe.Close();
+}
+
+void FindVersionInfo(Bintree* tree, const char* buildDir, uint32_t scmType) {
+  switch (scmType) {
+    case kScmCvs:
+      ListCvs(tree, buildDir);
+      break;
+    case kScmClearCase:
+      ListClearCase(tree, buildDir);
+      break;
+    case kScmSvn:
+      ListSvn(tree, buildDir);
+      break;
+    case kScmSi:
+      ListSi(tree, buildDir);
+      break;
+    case kScmAccurev:
+      ListAccurev(tree, buildDir);
+      break;
+    case kScmMstf:
+      ListTf(tree, buildDir);
+      break;
+    default:
+      break;
+  }
+}
+
+int LoadRepository(const char* /*scanRoot*/, const char* buildDir, Bintree* tree) {
+  if (SCMType != kScmCvsRep)
+    return 0;
+  ClientCommand cmd = FormCommand(kCvsRepLogCmd, {});
+  PrintExecuting(cmd.shown);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe) {
+    PrintCouldNotRunBare(cmd.shown);
+    return 1;
+  }
+
+  ClientLines lines(pipe.get(), kLongLineLimit);
+  std::string line, relative, path, head;
+  // A file the log names but the workspace lacks keeps the cleared digest.
+  unsigned char digest[16] = {};
+  char digest_text[33] = {};
+  bool in_file = false;
+  while (lines.Next(line)) {
+    TrimTrailing(line);
+    if (HasPrefix(line, "Working File:")) {
+      in_file = true;
+      relative = From(line, 14);
+      ReplaceSlash(relative);
+      path = TreeKey(buildDir, relative);
+      std::memset(digest, 0, sizeof digest);
+      (void)md_filename(path.c_str(), digest);  // an unreadable file keeps zeros
+      print_digest(digest, digest_text);
+    } else if (in_file && HasPrefix(line, "head:")) {
+      head = From(line, 6);
+    } else if (in_file && HasPrefix(line, "date:")) {
+      // The newest revision comes first, so its date is the first one.
+      in_file = false;
+      if (FindFile(tree, path) != nullptr)
+        continue;
+      FileNode* node = NewFileNode(path.c_str());
+      safe_cpy(&node->dir, buildDir);
+      safe_cpy(&node->name, relative.c_str());
+      safe_cpy(&node->version, head.c_str());
+      safe_cpy(&node->digest, digest_text);
+      node->mtime = CvsLogTime(From(line, 6));
+      node->size = 0;
+      std::memset(digest, 0, sizeof digest);
+      std::memset(digest_text, 0, sizeof digest_text);
+      if (InsBintree(tree, node) == -1) {
+        FreeFileNode(node);
+        tfree(node);
+      }
+    }
+  }
+  (void)pipe.Close();
+  return 0;
+}

@@ -1,3 +1,198 @@
 #include "scm/perfile.h"
-// TODO(scm): stub
-int LoadVersionInfo(void*, uint32_t, void*) { return 0; }
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "driver/settings.h"
+#include "inventory/digest.h"
+#include "inventory/filenode.h"
+#include "scm/scmtool.h"
+#include "support/handles.h"
+#include "support/paths.h"
+#include "support/strings.h"
+
+namespace {
+
+bool DirectoryAsked(const std::string& dir) {
+  return DirTree != nullptr && FindKey(DirTree, dir.c_str()) != nullptr;
+}
+
+void RememberDirectory(const std::string& dir) {
+  if (DirTree != nullptr)
+    (void)LoadKey(DirTree, dir.c_str());  // -1 only for a duplicate
+}
+
+// The text before the first occurrence of `stop`, or all of it.
+std::string CutAt(const std::string& text, const char* stop) {
+  size_t at = text.find(stop);
+  return at == std::string::npos ? text : text.substr(0, at);
+}
+
+int QueryVss(FileNode* node) {
+  std::string path = Text(node->path);
+  ReplaceSlash2(path, '\\');
+  ClientCommand cmd = FormCommand(kVssQueryCmd, {path});
+  PrintExecuting(cmd.shown);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe) {
+    PrintCouldNotRunBare(cmd.shown);
+    return -1;
+  }
+  ClientLines lines(pipe.get(), kLongLineLimit);
+  std::string line, size_text;
+  bool latest = false;
+  while (lines.Next(line)) {
+    TrimBoth(line);
+    if (HasPrefix(line, "Size:")) {
+      size_text = CutAt(From(line, 5), " bytes");
+    } else if (HasPrefix(line, "Latest:")) {
+      latest = true;
+    } else if (latest && HasPrefix(line, "Version:")) {
+      // Only the first version line after "Latest:" counts.
+      latest = false;
+      std::string version = From(line, 8);
+      TrimBoth(version);
+      safe_cpy(&node->version, version.c_str());
+      node->size = std::atoi(size_text.c_str());
+    }
+  }
+  (void)pipe.Close();  // the exit status is not examined
+  return 0;
+}
+
+int QueryPerforce(FileNode* node, const std::string& dir) {
+  if (DirectoryAsked(dir))
+    return 0;
+  ScopedChdir in_dir(dir);
+  ClientCommand cmd = FormCommand(kP4QueryCmd, {});
+  PrintExecutingInDir(cmd.shown, dir);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe) {
+    // Not remembered: the next file of this directory asks again.
+    PrintCouldNotRunBare(cmd.shown);
+    return 0;
+  }
+  RememberDirectory(dir);
+  ClientLines lines(pipe.get(), kLongLineLimit);
+  std::string line, key;
+  bool in_file = false;
+  while (lines.Next(line)) {
+    TrimBoth(line);
+    if (line.find("is not under client's root") != std::string::npos)
+      continue;
+    if (HasPrefix(line, "//depot/")) {
+      // The key is the depot path below "//depot/" appended to the module
+      // root, so it meets the tree only where both layouts agree.
+      in_file = true;
+      std::string drive, sub_dir, name, ext;
+      SplitPath(From(line, 8).c_str(), drive, sub_dir, name, ext);
+      key = std::string(Text(node->dir)) + "/" + sub_dir + name + ext;
+      ReplaceSlash2(key, '/');
+    } else if (in_file && HasPrefix(line, "... #")) {
+      // Only the newest revision line after each depot path counts.
+      in_file = false;
+      if (FileNode* file = FindFile(FileTree, key)) {
+        safe_cpy(&file->version, CutAt(From(line, 5), " change").c_str());
+      }
+    }
+  }
+  (void)pipe.Close();
+  return 0;
+}
+
+// "MM-DD-YYYY;hh:mm:ss" split at any of "-;:" as local time, daylight saving
+// off; words after the sixth are ignored.
+int64_t HarvestTime(const std::string& text) {
+  int fields[6] = {};
+  size_t count = 0;
+  size_t pos = 0;
+  while (count < 6) {
+    pos = text.find_first_not_of("-;:", pos);
+    if (pos == std::string::npos)
+      break;
+    size_t end = text.find_first_of("-;:", pos);
+    fields[count++] =
+        std::atoi(text.substr(pos, end == std::string::npos ? end : end - pos).c_str());
+    if (end == std::string::npos)
+      break;
+    pos = end;
+  }
+  struct tm when {};
+  when.tm_mon = fields[0] - 1;
+  when.tm_mday = fields[1];
+  when.tm_year = fields[2] - 1900;
+  when.tm_hour = fields[3];
+  when.tm_min = fields[4];
+  when.tm_sec = fields[5];
+  when.tm_isdst = 0;
+  return static_cast<int64_t>(std::mktime(&when));
+}
+
+int QueryHarvest(std::string dir) {
+  if (DirectoryAsked(dir))
+    return 0;
+  ScopedChdir in_dir(dir);
+  ClientCommand cmd = FormCommand(kHarvestQueryCmd, {});
+  PrintExecutingInDir(cmd.shown, dir);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe) {
+    PrintCouldNotRunBare(cmd.shown);
+    return 1;
+  }
+  RememberDirectory(dir);
+  ClientLines lines(pipe.get(), kLongLineLimit);
+  std::string line;
+  while (lines.Next(line)) {
+    TrimTrailing(line);
+    if (HasPrefix(line, "Warning: Information for file"))
+      continue;
+    if (HasPrefix(line, "Harvest (hsigget) command completed"))
+      break;
+    std::string file_name = GetWord(line.c_str(), "\t", 1, 1);
+    std::string version = GetWord(line.c_str(), "\t", 2, 2);
+    std::string modified = GetWord(line.c_str(), "\t", 3, 3);
+    std::string size = GetWord(line.c_str(), "\t", 4, 4);
+    ReplaceSlash(file_name);
+    if (!dir.empty() && (dir.back() == '/' || dir.back() == '\\'))
+      dir.pop_back();
+    std::string key = TreeKey(dir, file_name);
+    FileNode* file = FindFile(FileTree, key);
+    if (file == nullptr)
+      continue;
+    // The listed file is digested once more and the result dropped; the
+    // record keeps the digest of the scan. Only files the scan recorded are
+    // read, so a listed name can never make us read a device or a pipe.
+    unsigned char digest[16] = {};
+    char digest_text[33] = {};
+    (void)md_filename(key.c_str(), digest);
+    (void)print_digest(digest, digest_text);
+    safe_cpy(&file->version, version.c_str());
+    file->mtime = HarvestTime(modified);
+    file->size = std::atoi(size.c_str());
+  }
+  (void)pipe.Close();
+  return 0;
+}
+
+}  // namespace
+
+int LoadVersionInfo(void* record, uint32_t /*level*/, void* arg) {
+  auto* node = static_cast<FileNode*>(record);
+  if (node == nullptr || arg == nullptr)
+    return 0;
+  uint32_t scm_type = *static_cast<const uint32_t*>(arg);
+  if (*Text(node->version) != '\0')
+    return 0;
+  std::string dir = DirectoryOf(Text(node->path));
+  switch (scm_type) {
+    case kScmVss:
+      return QueryVss(node);
+    case kScmPerforce:
+      return QueryPerforce(node, dir);
+    case kScmHarvest:
+      return QueryHarvest(dir);
+    default:
+      return 0;
+  }
+}

@@ -1,7 +1,15 @@
 #pragma once
-// Per-file version query (walk visitor over FileTree).
+// Per-file version query: the walk visitor that asks VSS once per file, and
+// Harvest and Perforce once per directory, for the versions of the files in
+// FileTree. Directories already asked are kept in DirTree.
 
 #include <cstdint>
 
-// arg is the address of the uint32_t SCM type.
+// Walk visitor over FileTree (`node` is a FileNode). `arg` is the address of
+// the uint32_t SCM type; `level` is not used. A record whose version is
+// already set is skipped. Returns 0 normally, -1 when the VSS client could
+// not be started and 1 when the Harvest client could not be started.
+// The Harvest and Perforce queries run in the file's directory and restore
+// the current directory before returning. Uses the globals FileTree and
+// DirTree (driver/settings.h).
 int LoadVersionInfo(void* node, uint32_t level, void* arg);

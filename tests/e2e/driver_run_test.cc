@@ -301,6 +301,38 @@ TEST_F(DriverRun, MissingBuildDirectoryScansTheStartDirectory) {
       << inventory_text;
 }
 
+TEST_F(DriverRun, EarlierInventoryIsLoadedAndCompared) {
+  // Only names holding ".bom.data" are taken as earlier inventories, and only
+  // when their root is the build directory as typed.
+  const std::string tree = RealPath(dir_ / "tree");
+  wltest::WriteFile(tree + "/kept.c", "same\n");
+  wltest::WriteFile(tree + "/new.c", "new\n");
+  const std::string earlier = "job-My Computer-2019.bom.data";
+  wltest::WriteFile(start_ + "/" + earlier,
+                    "SCMType=NONE\nModuleRootDir=" + tree +
+                        "\nMachineName=My Computer\nBuildLabel=\n" + tree +
+                        ";gone.c;3;4; 0123abcd000000000000000000000000; ;\n");
+  auto r = Run(JobArgs({"-b", tree}));
+  EXPECT_EQ(r.status, 0);
+  const std::string report = Numbered(1, "diff.data");
+  const std::string inventory = Numbered(1, "bom.data");
+  EXPECT_EQ(r.out, "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -b \"" + tree +
+                       "\" \nWorkDir=" + start_ + "\nBuildDir=.\nRptFileName=" + report +
+                       "\nNewFileName=" + inventory + "\nOldFileName=" + earlier +
+                       "\nLoading comparison data: " + earlier +
+                       "\nDetermining Deleted Files\nDetermining Added and Changed Files\n"
+                       "Saving Comparison data\n"
+                       "Uploading Report Data " +
+                       kBase + "-bom.data\n" + kUploadRefused + "Uploading Report Data " + kBase +
+                       "-diff.data\n" + kUploadRefused + "Complete\n");
+  std::string report_text = wltest::ReadFile(start_ + "/" + report).value_or("?");
+  EXPECT_NE(report_text.find("\nD;" + tree + ";gone.c;3;4; 0123abcd000000000000000000000000; ;\n"),
+            std::string::npos)
+      << report_text;
+  EXPECT_NE(report_text.find("\nA;" + tree + ";kept.c;"), std::string::npos) << report_text;
+  EXPECT_NE(report_text.find("\nA;" + tree + ";new.c;"), std::string::npos) << report_text;
+}
+
 TEST_F(DriverRun, BuildDirectoryLineAlwaysShowsTheDot) {
   wltest::MakeDirs(start_ + "/tree/sub");
   auto r = Run(JobArgs({"-b", "tree"}));

@@ -1,0 +1,226 @@
+#include "scm/scmtool.h"
+
+#include <dirent.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "driver/settings.h"
+#include "support/handles.h"
+#include "support/paths.h"
+#include "support/strings.h"
+
+ScmPath AcquisitionPath(uint32_t scmType) {
+  if ((scmType & kListingMask) == scmType)
+    return ScmPath::kListing;
+  if ((scmType & kPerFileMask) == scmType)
+    return ScmPath::kPerFile;
+  return ScmPath::kRepositoryLog;
+}
+
+std::string EscapeInQuotes(std::string_view value) {
+  std::string out;
+  out.reserve(value.size());
+  for (char c : value) {
+    if (c == '\\' || c == '"' || c == '$' || c == '`')
+      out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+std::string ShellWord(std::string_view value) {
+  auto plain = [](unsigned char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::strchr("_-./,+=@%:", c) != nullptr;
+  };
+  bool all_plain = true;
+  for (char c : value) {
+    if (c == '\0' || !plain(static_cast<unsigned char>(c))) {
+      all_plain = false;
+      break;
+    }
+  }
+  if (all_plain)
+    return std::string(value);
+  std::string out = "'";
+  for (char c : value) {
+    if (c == '\'') {
+      out += "'\\''";
+    } else {
+      out += c;
+    }
+  }
+  out += '\'';
+  return out;
+}
+
+ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_view> values) {
+  ClientCommand cmd;
+  const std::string_view* next = values.begin();
+  bool in_quotes = false;
+  for (const char* p = tmpl; *p; ++p) {
+    if (p[0] == '%' && p[1] == 's') {
+      std::string_view value = next != values.end() ? *next++ : std::string_view();
+      cmd.text += in_quotes ? EscapeInQuotes(value) : std::string(value);
+      cmd.shown += value;
+      ++p;
+      continue;
+    }
+    if (*p == '"')
+      in_quotes = !in_quotes;
+    cmd.text += *p;
+    cmd.shown += *p;
+  }
+  return cmd;
+}
+
+int CountPlaceholders(const char* tmpl) {
+  int n = 0;
+  for (const char* p = std::strstr(tmpl, "%s"); p; p = std::strstr(p + 2, "%s"))
+    ++n;
+  return n;
+}
+
+int AddUserPassword(std::string& command, std::string& shown, const char* userOption,
+                    const char* passwordOption, size_t limit) {
+  const char* user = User;
+  if (user == nullptr || *user == '\0')
+    return 0;
+  const char* password = (Password != nullptr && *Password != '\0') ? Password : nullptr;
+
+  // The value is escaped for the double quotes; for ordinary credentials the
+  // lengths are those of the values as given.
+  std::string user_value = EscapeInQuotes(user);
+  std::string password_value = password ? EscapeInQuotes(password) : std::string();
+  size_t required = std::strlen(userOption) + user_value.size() + 4;
+  if (password)
+    required += std::strlen(passwordOption) + password_value.size() + 4;
+  if (required + command.size() > limit)
+    return 0;
+
+  static constexpr char kMasked[] = "*******";
+  std::string real = std::string(" ") + userOption + " \"" + user_value + "\"";
+  std::string masked = std::string(" ") + userOption + " \"" + kMasked + "\"";
+  if (password) {
+    real += std::string(" ") + passwordOption + " \"" + password_value + "\"";
+    masked += std::string(" ") + passwordOption + " \"" + kMasked + "\"";
+  }
+  command += real;
+  shown += masked;
+  return 1;
+}
+
+int AddUserPassword(ClientCommand& command, const char* userOption, const char* passwordOption,
+                    size_t limit) {
+  std::string shown_add;
+  int added = AddUserPassword(command.text, shown_add, userOption, passwordOption, limit);
+  if (added)
+    command.shown += shown_add;
+  return added;
+}
+
+int FindFirstWildcard(std::string& out, const char* pattern, size_t limit) {
+  std::string converted = pattern;
+  ReplaceSlash(converted);
+  std::string drive, dir, name, ext;
+  SplitPath(converted.c_str(), drive, dir, name, ext);
+  std::string directory = drive + dir;
+  std::string name_pattern = name + ext;
+
+  if (directory.compare(0, 2, "//") == 0)
+    return 0;
+  UniqueDir handle(opendir(directory.c_str()));
+  if (!handle)
+    return 0;
+
+  // Only the first entry is examined, whatever it is.
+  const dirent* entry = readdir(handle.get());
+  if (entry == nullptr)
+    return 0;
+  std::string full = directory + entry->d_name;
+  bool is_dir = entry->d_type == DT_DIR;
+  if (entry->d_type == DT_UNKNOWN) {
+    struct stat st {};
+    is_dir = lstat(full.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  }
+  if (!is_dir && fnmatch(name_pattern.c_str(), entry->d_name, 0) == 0) {
+    if (full.size() >= limit)
+      return 0;
+    out = full;
+  }
+  return 1;
+}
+
+namespace {
+FILE* DefaultClientOpen(const char* command) { return popen(command, "r"); }
+}  // namespace
+
+ClientOpenFn ScmClientOpen = &DefaultClientOpen;
+
+FILE* OpenClient(const ClientCommand& command) {
+  std::fflush(stdout);
+  return ScmClientOpen(command.text.c_str());
+}
+
+ClientLines::ClientLines(FILE* pipe, int limit)
+    : pipe_(pipe), buf_(static_cast<size_t>(limit > 1 ? limit : 2)) {}
+
+bool ClientLines::Next(std::string& line) {
+  if (pipe_ == nullptr ||
+      std::fgets(buf_.data(), static_cast<int>(buf_.size()), pipe_) == nullptr) {
+    return false;
+  }
+  // As a fixed-buffer reader sees it: the text ends at the first NUL.
+  line.assign(buf_.data());
+  return true;
+}
+
+void TrimTrailing(std::string& line) { StripChar(line, kTrimSet, 1); }
+void TrimBoth(std::string& line) { StripChar(line, kTrimSet, 2); }
+
+bool HasPrefix(const std::string& line, const char* prefix) {
+  return IsNEqual(line.c_str(), prefix, std::strlen(prefix), 0) == 1;
+}
+
+std::string From(const std::string& line, size_t pos) {
+  return pos < line.size() ? line.substr(pos) : std::string();
+}
+
+std::string TreeKey(const std::string& dir, const std::string& rel) {
+  std::string key = dir + "/" + rel;
+  ReplaceSlash2(key, '/');
+  return key;
+}
+
+FileNode* FindFile(Bintree* tree, const std::string& key) {
+  if (tree == nullptr)
+    return nullptr;
+  return static_cast<FileNode*>(FindKey(tree, key.c_str()));
+}
+
+std::string DirectoryOf(const char* path) {
+  std::string drive, dir, name, ext;
+  SplitPath(path, drive, dir, name, ext);
+  std::string out = drive.empty() ? dir : drive + dir;
+  ReplaceSlash(out);
+  return out;
+}
+
+void PrintExecuting(const std::string& shown) { std::printf("Executing: %s\n", shown.c_str()); }
+void PrintExecutingInDir(const std::string& shown, const std::string& dir) {
+  std::printf("Executing: %s in dir %s\n", shown.c_str(), dir.c_str());
+}
+void PrintExecutingRedirect(const std::string& shown) {
+  std::printf("Executing: %s 2>&1 \n", shown.c_str());
+}
+void PrintCouldNotRun(const std::string& shown) {
+  std::printf("Could not run: %s\n", shown.c_str());
+}
+void PrintCouldNotRunRedirect(const std::string& shown) {
+  std::printf("Could not run: %s 2>&1\n", shown.c_str());
+}
+void PrintCouldNotRunBare(const std::string& shown) {
+  std::printf("Could not run: %s ", shown.c_str());
+}
