@@ -390,6 +390,9 @@ using TransformKernel = void (*)(Lanes state[4], const Lanes (*rows)[16], int co
 
 TransformKernel DetectedKernel() {
 #ifdef WL_HAVE_AVX2_KERNEL
+  // This runs from a static initializer, possibly before the compiler's own
+  // processor detection has run.
+  __builtin_cpu_init();
   if (__builtin_cpu_supports("avx2"))
     return TransformAvx2;
 #endif
