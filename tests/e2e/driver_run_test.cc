@@ -333,6 +333,45 @@ TEST_F(DriverRun, EarlierInventoryIsLoadedAndCompared) {
   EXPECT_NE(report_text.find("\nA;" + tree + ";new.c;"), std::string::npos) << report_text;
 }
 
+TEST_F(DriverRun, PerFileGroupAsksOncePerDirectory) {
+  // A fake Perforce client on PATH answers for the directory it is run in and
+  // logs where it ran.
+  const std::string tree = RealPath(dir_ / "tree");
+  wltest::WriteFile(tree + "/a.c", "a\n");
+  wltest::WriteFile(tree + "/b.c", "b\n");
+  wltest::WriteFile(tree + "/sub/c.c", "c\n");
+  const std::string bin = dir_ / "bin";
+  wltest::MakeDirs(bin);
+  wltest::WriteScript(
+      bin, "p4",
+      "echo \"$PWD $*\" >> '" + dir_.path() +
+          "/p4.log'\n"
+          "echo '//depot/a.c'\necho '... #3 change 100 edit'\n"
+          "echo '//depot/b.c'\necho '... #7 change 90 edit'\necho '... #6 change 80'\n");
+  auto r =
+      wltest::RunTool(JobArgs({"-b", tree, "-c", "perforce"}),
+                      wltest::ToolEnv(home_, std::string(kServer), bin + ":/usr/bin:/bin"), start_);
+  EXPECT_EQ(r.status, 0);
+  const std::string frame = Frame(Numbered(1, "diff.data"), Numbered(1, "bom.data"));
+  const std::string stages = "Executing: p4 filelog -t -L \"*\" 2>&1 in dir " + tree +
+                             "/\nExecuting: p4 filelog -t -L \"*\" 2>&1 in dir " + tree + "/sub/\n";
+  const std::string expected_start =
+      "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -b \"" + tree +
+      "\" -c \"perforce\" \n" + frame + stages + "Determining Deleted Files\n";
+  EXPECT_EQ(r.out.substr(0, expected_start.size()), expected_start) << r.out;
+  EXPECT_EQ(wltest::ReadFile(dir_ / "p4.log").value_or("?"),
+            tree + " filelog -t -L *\n" + tree + "/sub filelog -t -L *\n");
+  std::string inventory = wltest::ReadFile(start_ + "/" + Numbered(1, "bom.data")).value_or("?");
+  EXPECT_EQ(inventory.rfind("SCMType=perforce\nModuleRootDir=" + tree + "\n", 0), 0u) << inventory;
+  EXPECT_NE(inventory.find("\n" + tree + ";a.c;2;"), std::string::npos) << inventory;
+  EXPECT_NE(inventory.find("000000000000000000000000; 3;\n" + tree + ";b.c;"), std::string::npos)
+      << inventory;
+  EXPECT_NE(inventory.find("000000000000000000000000; 7;\n" + tree + ";sub/c.c;"),
+            std::string::npos)
+      << inventory;
+  EXPECT_EQ(inventory.substr(inventory.size() - 28), "000000000000000000000000; ;\n");
+}
+
 TEST_F(DriverRun, BuildDirectoryLineAlwaysShowsTheDot) {
   wltest::MakeDirs(start_ + "/tree/sub");
   auto r = Run(JobArgs({"-b", "tree"}));
