@@ -64,10 +64,8 @@ class UniquePipe {
   FILE* get() const { return f_; }
   explicit operator bool() const { return f_ != nullptr; }
   int Close() {
-    if (!f_) return -1;
-    int status = pclose(f_);
-    f_ = nullptr;
-    return status;
+    FILE* f = std::exchange(f_, nullptr);
+    return f ? pclose(f) : -1;
   }
 
  private:

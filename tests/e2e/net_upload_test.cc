@@ -166,12 +166,11 @@ TEST(Receiver, HelpAndBadArguments) {
   auto help = wltest::RunProgram({WL_RECEIVER, "--help"}, {}, dir.path(), 30);
   EXPECT_EQ(help.status, 0);
   EXPECT_TRUE(help.out.starts_with("Usage: wlreceiver ")) << help.out;
-  for (std::vector<std::string> args : {std::vector<std::string>{"--port", "70000"},
-                                        {"--count"},
-                                        {"--frob"},
-                                        {"--timeout", "-1"},
-                                        {"--timeout", "86401"}}) {
-    args.insert(args.begin(), WL_RECEIVER);
+  const std::vector<std::vector<std::string>> bad = {
+      {"--port", "70000"}, {"--count"}, {"--frob"}, {"--timeout", "-1"}, {"--timeout", "86401"}};
+  for (const auto& words : bad) {
+    std::vector<std::string> args{WL_RECEIVER};
+    args.insert(args.end(), words.begin(), words.end());
     auto r = wltest::RunProgram(args, {}, dir.path(), 30);
     EXPECT_EQ(r.status, 2) << args[1];
     EXPECT_NE(r.err.find("Usage: wlreceiver"), std::string::npos) << args[1];

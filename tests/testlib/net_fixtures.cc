@@ -1,5 +1,7 @@
 #include "testlib/net_fixtures.h"
 
+#include "testlib/testlib.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -384,8 +386,7 @@ BackgroundProcess::~BackgroundProcess() {
 std::string BackgroundProcess::WaitForLineFile(const std::string& path, int timeout_ms) {
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    std::ifstream f(path);
-    std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    std::string text = ReadFile(path).value_or("");
     if (!text.empty() && text.back() == '\n')
       return text;
     if (status_ >= 0 || MillisLeft(deadline) == 0)
