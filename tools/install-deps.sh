@@ -1,0 +1,20 @@
+#!/bin/sh
+# Installs the Debian packages that building, testing and the sample run
+# need, when any is missing. Needs root (apt-get); otherwise it only names
+# what is missing.
+set -eu
+packages="cmake g++ make libgtest-dev subversion cvs python3 perl"
+missing=""
+for p in $packages; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing="$missing $p"
+done
+[ -n "$missing" ] || exit 0
+if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update
+  # shellcheck disable=SC2086
+  apt-get install -y $missing
+else
+  echo "missing Debian packages:$missing (install them as root: apt-get install -y$missing)" >&2
+  exit 1
+fi
