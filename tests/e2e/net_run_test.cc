@@ -3,66 +3,50 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "testlib/net_fixtures.h"
-#include "testlib/testlib.h"
 
 namespace {
 
 #ifdef WL_RECEIVER
 
-using wltest::ReadFile;
+using namespace wltest;
 
 TEST(NetRun, InspectionUploadsBothReportsToTheReceiver) {
-  wltest::TempDir dir;
-  const std::string start = dir / "start";
-  wltest::MakeDirs(start);
-  wltest::MakeDirs(dir / "home");
-  wltest::WriteFile(dir / "tree/src/main.c", "int main(void) { return 0; }\n");
-  wltest::WriteFile(dir / "tree/README", "sample\n");
-
-  for (int run = 1; run <= 2; ++run) {
-    SCOPED_TRACE("run " + std::to_string(run));
-    const std::string got = dir / ("got" + std::to_string(run));
-    const std::string port_file = dir / ("port" + std::to_string(run));
-    wltest::BackgroundProcess receiver(
+  TempDir dir;
+  const std::string start = dir / "start", base = "job-box-2020-10-14 10_20_30";
+  MakeDirs(start);
+  MakeDirs(dir / "home");
+  WriteFile(dir / "tree/src/main.c", "int main(void) { return 0; }\n");
+  for (const std::string number : {"01", "02"}) {
+    SCOPED_TRACE("run " + number);
+    const std::string got = dir / ("got" + number), port_file = dir / ("port" + number);
+    BackgroundRun receiver(
         {WL_RECEIVER, "--dir", got, "--port-file", port_file, "--count", "2", "--timeout", "60"},
-        dir / "receiver.out", dir / "receiver.err");
-    std::string port = receiver.WaitForLineFile(port_file);
-    ASSERT_FALSE(port.empty()) << ReadFile(dir / "receiver.err").value_or("");
-    port.pop_back();
-    const std::string server = "http://127.0.0.1:" + port;
-
-    auto r = wltest::RunTool({"-b", dir / "tree", "-lj", "job", "-lm", "box", "-lo", "me", "-lp",
-                              "-ld", "2020-10-14 10_20_30"},
-                             wltest::ToolEnv(dir / "home", server), start);
-    ASSERT_EQ(receiver.Wait(), 0) << ReadFile(dir / "receiver.err").value_or("") << r.out;
+        port_file);
+    ASSERT_FALSE(receiver.line.empty()) << receiver.Wait().err;
+    const std::string server = "http://127.0.0.1:" + receiver.line;
+    auto r = RunTool({"-b", dir / "tree", "-lj", "job", "-lm", "box", "-lo", "me", "-lp", "-ld",
+                      "2020-10-14 10_20_30"},
+                     ToolEnv(dir / "home", server), start);
+    ASSERT_EQ(receiver.Wait().status, 0) << receiver.Wait().err << r.out;
     EXPECT_EQ(r.status, 0) << r.out;
-
-    const std::string base = "job-box-2020-10-14 10_20_30";
-    const std::string number = run == 1 ? "01" : "02";
-    const std::string upload_lines = "LogUrl=" + server + "/LogUpload\n\n";
-    EXPECT_NE(
-        r.out.find("Uploading Report Data " + base + "-bom.data\n" + upload_lines +
-                   "Uploading Report Data " + base + "-diff.data\n" + upload_lines + "Complete\n"),
-        std::string::npos)
+    const std::string sent = "LogUrl=" + server + "/LogUpload\n\n";
+    EXPECT_NE(r.out.find("Uploading Report Data " + base + "-bom.data\n" + sent +
+                         "Uploading Report Data " + base + "-diff.data\n" + sent + "Complete\n"),
+              std::string::npos)
         << r.out;
-
-    auto inventory = ReadFile(start + "/" + base + "-" + number + "-bom.data");
-    auto report = ReadFile(start + "/" + base + "-" + number + "-diff.data");
-    ASSERT_TRUE(inventory && report);
-    EXPECT_EQ(ReadFile(got + "/1-" + base + "-bom.data"), inventory);
-    EXPECT_EQ(ReadFile(got + "/2-" + base + "-diff.data"), report);
     const std::string fields =
-        "JobName=job\nOwner=me\nMachine=box\nPublicBuildJob=true\nJobDateTime=" +
-        std::string("2020-10-14 10_20_30") + "\n";
-    EXPECT_EQ(ReadFile(got + "/1-fields.txt"), fields);
-    EXPECT_EQ(ReadFile(got + "/2-fields.txt"), fields);
-    // The transfer copies are gone; the numbered files stay.
-    EXPECT_FALSE(ReadFile(start + "/" + base + "-bom.data"));
-    EXPECT_FALSE(ReadFile(start + "/" + base + "-diff.data"));
+        "JobName=job\nOwner=me\nMachine=box\nPublicBuildJob=true\nJobDateTime=2020-10-14 "
+        "10_20_30\n";
+    for (const std::string n_kind : {"1-bom", "2-diff"}) {
+      const std::string kind = n_kind.substr(1);
+      auto kept = ReadFile(start + "/" + base + "-" + number + kind + ".data");
+      ASSERT_TRUE(kept) << kind;
+      EXPECT_EQ(ReadFile(got + "/" + n_kind[0] + "-" + base + kind + ".data"), kept);
+      EXPECT_EQ(ReadFile(got + "/" + n_kind[0] + "-fields.txt"), fields);
+      // The transfer copy is gone; the numbered file stays.
+      EXPECT_FALSE(ReadFile(start + "/" + base + kind + ".data"));
+    }
   }
 }
 

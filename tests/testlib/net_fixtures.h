@@ -1,156 +1,234 @@
 #pragma once
-// Loopback server fixtures for the net tests. A LoopbackListener binds
-// 127.0.0.1 on a free port and serves a few connections on its own thread;
-// every wait it makes is bounded by poll deadlines, and it always closes the
-// connection in the end, so a blocking client under test is released.
+// Loopback servers for the net tests. Every wait is bounded: a receive or a
+// send gives up after 10 s without progress, an accept after 20 s, a
+// background program after 60 s.
 
-#include <cstdint>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "testlib/testlib.h"
+
 namespace wltest {
 
-// True once `data` holds a whole request as the product sends it: a header
-// block ended by "\n\n" or "\r\n\r\n" (whichever comes first), then as many
-// body bytes as its Content-Length header states (0 without one).
-bool HttpRequestComplete(const std::string& data);
+inline const std::string kOkReply =
+    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 3\r\nConnection: "
+    "close\r\n\r\nOK\n";
 
-// One accepted connection, seen from the server's side. Non-blocking
-// underneath; every call waits at most its timeout.
-class ServerConn {
- public:
-  explicit ServerConn(int fd);
-  ~ServerConn();
-  ServerConn(const ServerConn&) = delete;
-  ServerConn& operator=(const ServerConn&) = delete;
+// A socket bound to a free 127.0.0.1 port; while it does not listen,
+// connecting to the port is refused.
+struct LoopbackPort {
+  LoopbackPort() {
+    sockaddr_in sa{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof sa;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+      throw std::runtime_error("cannot bind 127.0.0.1");
+    port = ntohs(sa.sin_port);
+  }
+  ~LoopbackPort() { close(fd); }
+  std::string Url(const std::string& path = "") const {
+    return "http://127.0.0.1:" + std::to_string(port) + path;
+  }
+  // The client's error text for this port.
+  std::string ConnectError() const {
+    return "ERROR 401: Could not connect to 127.0.0.1 on port " + std::to_string(port) + "\n";
+  }
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  uint16_t port = 0;
+};
+using RefusingPort = LoopbackPort;
 
-  // Read until pred(data()) holds, the peer closes or timeout_ms passes.
-  // True when pred held.
-  bool ReadUntil(const std::function<bool(const std::string&)>& pred, int timeout_ms = 10000);
-  // ReadUntil(HttpRequestComplete).
-  bool ReadRequest(int timeout_ms = 10000);
-  // Read a whole request but keep only its header block in data(); the
-  // body bytes are counted and dropped. The body size, or -1 when the
-  // request did not complete.
-  long long ReadRequestDroppingBody(int timeout_ms = 60000);
-  // Read until at least n bytes in all.
-  bool ReadAtLeast(size_t n, int timeout_ms = 10000);
-  // Keep reading for quiet_ms after the last byte (to collect what a client
-  // sends beyond its stated length).
-  void ReadQuiet(int quiet_ms);
-  // Send all of text (false when the peer went away or time ran out).
-  bool Send(const std::string& text, int timeout_ms = 10000);
-  bool SendBytes(const char* data, size_t size, int timeout_ms = 10000);
-  // Send `total` bytes made of repetitions of `chunk`.
-  bool SendRepeated(const std::string& chunk, size_t total, int timeout_ms = 60000);
-  // Abort the connection with a reset (SO_LINGER 0, then close).
-  void Reset();
-  // Half-close our side, then read to the peer's end of stream (bounded),
-  // then close. Used after an answer so the client sees a clean end.
-  void FinishAndDrain(int timeout_ms = 10000);
-  // Close at once.
-  void Close();
-
-  const std::string& data() const { return data_; }
-  bool peer_closed() const { return peer_closed_; }
-
- private:
-  int fd_;
-  std::string data_;
-  bool peer_closed_ = false;
+// One accepted connection, seen from the server's side.
+struct ServerConn {
+  explicit ServerConn(int fd_in) : fd(fd_in) {
+    timeval tv{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  }
+  ~ServerConn() { Close(); }
+  // Read until pred(data) holds; false when the peer closed or went quiet.
+  bool ReadUntil(const std::function<bool(const std::string&)>& pred) {
+    char buf[65536];
+    for (ssize_t got; !pred(data); data.append(buf, static_cast<size_t>(got))) {
+      if ((got = fd < 0 ? -1 : recv(fd, buf, sizeof buf, 0)) <= 0)
+        return false;
+    }
+    return true;
+  }
+  // A header block ended by "\n\n" or "\r\n\r\n", then Content-Length bytes.
+  bool ReadRequest() {
+    return ReadUntil([](const std::string& d) {
+      size_t lf = d.find("\n\n"), crlf = d.find("\r\n\r\n");
+      size_t end = std::min(lf == d.npos ? lf : lf + 2, crlf == d.npos ? crlf : crlf + 4);
+      size_t cl = d.find("Content-Length: ");
+      return end != d.npos &&
+             d.size() - end >= (cl < end ? std::strtoul(d.c_str() + cl + 16, nullptr, 10) : 0);
+    });
+  }
+  // Send text, repeated until `total` bytes went out when total is larger.
+  bool Send(const std::string& text, size_t total = 0) {
+    for (size_t sent = 0, n = 0; sent < std::max(total, text.size()); sent += n) {
+      size_t at = sent % text.size();
+      ssize_t r = send(fd, text.data() + at, text.size() - at, MSG_NOSIGNAL);
+      if (r <= 0)
+        return false;
+      n = static_cast<size_t>(r);
+    }
+    return true;
+  }
+  void Reset() {  // abort the connection with a reset
+    linger lg{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    Close();
+  }
+  void Finish() {  // half-close, read to the peer's end of stream, close
+    shutdown(fd, SHUT_WR);
+    ReadUntil([](const std::string&) { return false; });
+    Close();
+  }
+  void Close() {
+    if (fd >= 0)
+      close(fd);
+    fd = -1;
+  }
+  int fd;
+  std::string data;
 };
 
-// Serves up to `connections` connections, one after the other, with
-// `handler`; waits at most accept_timeout_ms for each. The raw bytes each
-// connection sent are kept.
-class LoopbackListener {
+// Serves `connections` connections one after the other and keeps the raw
+// bytes each one sent.
+class LoopbackListener : public LoopbackPort {
  public:
   using Handler = std::function<void(ServerConn&)>;
-  explicit LoopbackListener(Handler handler, int connections = 1, int accept_timeout_ms = 20000);
-  ~LoopbackListener();
-  LoopbackListener(const LoopbackListener&) = delete;
-  LoopbackListener& operator=(const LoopbackListener&) = delete;
-
-  uint16_t port() const { return port_; }
-  // "http://127.0.0.1:<port>" followed by path.
-  std::string Url(const std::string& path = "") const;
-  // Wait for the serving thread to end.
-  void Join();
-  // Raw requests received so far (call Join first for all of them).
-  std::vector<std::string> requests();
-  // The one request of a single-connection listener ("" when none came).
-  std::string request();
+  explicit LoopbackListener(Handler handler, int connections = 1) {
+    listen(fd, 16);
+    thread_ = std::thread([this, handler, connections] {
+      pollfd p{fd, POLLIN, 0};
+      for (int i = 0; i < connections && poll(&p, 1, 20000) > 0; ++i) {
+        ServerConn conn(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC));
+        handler(conn);
+        conn.Close();
+        std::lock_guard<std::mutex> lock(mu_);
+        requests_.push_back(conn.data);
+      }
+    });
+  }
+  ~LoopbackListener() { requests(); }
+  std::vector<std::string> requests() {  // waits for the serving thread
+    if (thread_.joinable())
+      thread_.join();
+    std::lock_guard<std::mutex> lock(mu_);
+    return requests_;
+  }
+  std::string request() {
+    auto all = requests();
+    return all.empty() ? "" : all.front();
+  }
 
  private:
-  void Serve(Handler handler, int connections, int accept_timeout_ms);
-
-  int listen_fd_ = -1;
-  uint16_t port_ = 0;
   std::mutex mu_;
   std::vector<std::string> requests_;
   std::thread thread_;
 };
 
-// Handlers for common cases.
-// Read a whole request, send `reply`, finish cleanly.
-LoopbackListener::Handler ReplyWith(std::string reply);
-// Read until pred(data) holds, send `reply`, finish cleanly.
-LoopbackListener::Handler ReplyAfter(std::function<bool(const std::string&)> pred,
-                                     std::string reply);
-// Read until the bytes received end with `tail` (and at least one header
-// block came), send `reply`, finish cleanly.
-LoopbackListener::Handler ReplyAfterTail(std::string tail, std::string reply);
-// "HTTP/1.1 200 OK" with a short body.
-std::string OkReply();
+// Read a whole request (or, given a tail, until the bytes end with it),
+// answer `reply`, finish cleanly.
+inline LoopbackListener::Handler Reply(std::string reply = kOkReply, std::string tail = "") {
+  return [reply, tail](ServerConn& c) {
+    if (tail.empty())
+      c.ReadRequest();
+    else
+      c.ReadUntil([&](const std::string& d) { return d.ends_with(tail); });
+    c.Send(reply);
+    c.Finish();
+  };
+}
 
-// A port on 127.0.0.1 where nothing listens: the socket is bound (so no one
-// else gets the port) but not listening, so connecting is refused.
-class RefusingPort {
- public:
-  RefusingPort();
-  ~RefusingPort();
-  RefusingPort(const RefusingPort&) = delete;
-  RefusingPort& operator=(const RefusingPort&) = delete;
-  uint16_t port() const { return port_; }
+// Runs call(url) against a loopback server that answers kOkReply (after
+// `tail` when given); the request, with the server's port written "PORT".
+inline std::string Wire(const std::function<void(const std::string& url)>& call,
+                        const std::string& path = "/weftlane/LogUpload",
+                        const std::string& tail = "") {
+  LoopbackListener server(Reply(kOkReply, tail));
+  call(server.Url(path));
+  std::string r = server.request();
+  const std::string from = "127.0.0.1:" + std::to_string(server.port);
+  for (size_t at = 0; (at = r.find(from, at)) != r.npos;)
+    r.replace(at, from.size(), "127.0.0.1:PORT");
+  return r;
+}
 
- private:
-  int fd_ = -1;
-  uint16_t port_ = 0;
+// Expected multipart pieces, as the upload clients write them.
+inline const std::string kDelim = "-----------------------------7d3cc298904e2\r\n";
+inline const std::string kEnd = "-----------------------------7d3cc298904e2--\r\n";
+inline std::string Field(const std::string& name, const std::string& value) {
+  return kDelim + "Content-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+}
+inline std::string FileHead(const std::string& filename) {
+  return "Content-Disposition: form-data; name=\"mptest\"; filename=\"" + filename +
+         "\"\r\nContent-Type: text/html\r\n\r\n";
+}
+inline std::string WithLength(const std::string& head, const std::string& body) {
+  return head + "Content-Length: " + std::to_string(body.size()) + "\n\n" + body;
+}
+
+// Header lines of the report upload, of the job log posts (with "Connection:
+// close") and of the job log record post (Host line second, ended by "\n").
+enum HeadStyle { kUploadHead, kJobLogHead, kRecordHead };
+inline std::string FormHead(HeadStyle style) {
+  std::string h = "POST /weftlane/LogUpload HTTP/1.1\r\n";
+  if (style == kRecordHead)
+    h += "Host: 127.0.0.1:PORT\n";
+  h += "Accept: image/gif, image/x-xbitmap, image/jpeg, image/pjpeg, application/vnd.ms-excel, "
+       "application/msword, application/pdf, application/x-shockwave-flash, */*\r\n"
+       "Accept-Language: en-us\r\n";
+  if (style != kUploadHead)
+    h += "Connection: close\r\n";
+  h += "Content-Type: multipart/form-data; boundary=---------------------------7d3cc298904e2\r\n"
+       "Accept-Encoding: gzip, deflate\r\nUser-Agent: Weftlane Logger 6.2\r\n";
+  return style == kRecordHead ? h : h + "Host: 127.0.0.1:PORT\r\n";
+}
+
+inline bool HavePython() { return std::system("python3 -c '' >/dev/null 2>&1") == 0; }
+
+// Runs argv through sh with a system PATH on a thread of its own, then
+// waits for the first line written to `line_file` (the line, or "" after
+// 20 s or when the program ended first).
+struct BackgroundRun {
+  BackgroundRun(std::vector<std::string> argv, const std::string& line_file) {
+    argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$@\"", "sh"});
+    thread = std::thread([this, argv] {
+      result = RunProgram(argv, {{"PATH", "/usr/local/bin:/usr/bin:/bin"}}, "/", 60);
+      done = true;
+    });
+    for (int i = 0; i < 1000 && !done && line.empty(); ++i, poll(nullptr, 0, 20)) {
+      std::string text = ReadFile(line_file).value_or("");
+      if (size_t eol = text.find('\n'); eol != text.npos)
+        line = text.substr(0, eol);
+    }
+  }
+  ~BackgroundRun() { Wait(); }
+  RunResult Wait() {
+    if (thread.joinable())
+      thread.join();
+    return result;
+  }
+  std::string line;
+  RunResult result;
+  std::atomic<bool> done = false;
+  std::thread thread;
 };
-
-// A program started in the background for a test (a receiver or a server
-// written in another language). Its standard output and error go to files;
-// it is killed on destruction if still running.
-class BackgroundProcess {
- public:
-  // argv[0] is searched on PATH. Output goes to out_file and err_file.
-  BackgroundProcess(const std::vector<std::string>& argv, const std::string& out_file,
-                    const std::string& err_file);
-  ~BackgroundProcess();
-  BackgroundProcess(const BackgroundProcess&) = delete;
-  BackgroundProcess& operator=(const BackgroundProcess&) = delete;
-
-  // Wait until `path` exists and holds a line ending in "\n"; its text, or
-  // "" when the time ran out or the process ended first.
-  std::string WaitForLineFile(const std::string& path, int timeout_ms = 20000);
-  // Wait for the exit: the exit status, 128 + signal, or -1 when it still
-  // runs after timeout_ms (it is then killed).
-  int Wait(int timeout_ms = 30000);
-
- private:
-  int pid_ = -1;
-  int status_ = -1;
-};
-
-// True when `program` is found on PATH.
-bool OnPath(const std::string& program);
-
-// Peak resident memory (kB) of this process since the last ResetPeakRss, or
-// -1 when the kernel does not let us read or reset it.
-bool ResetPeakRss();
-long PeakRssKb();
 
 }  // namespace wltest
