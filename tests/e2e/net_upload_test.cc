@@ -1,5 +1,7 @@
-// The report upload against a Python http.server that parses the multipart
-// body with the standard library (code nobody on this project wrote).
+// The report upload against servers in other processes: a Python
+// http.server that parses the multipart body with the standard library (code
+// nobody on this project wrote), and wlreceiver during a whole run of the
+// built binary.
 
 #include <gtest/gtest.h>
 
@@ -27,13 +29,8 @@ TEST(NetUpload, PythonServerParsesFieldsAndFile) {
       "SCMType=SVN\nA ./src/main.c 0123abcd\r\nC ./lib/\xe9t\xe9.o 89ab\n\n!!!!\nno newline";
   WriteFile(dir / name, content);
   ResetSettings();
-  const std::pair<char**, const char*> settings[] = {{&TaskName, "nightly build"},
-                                                     {&LogOwner, "builder"},
-                                                     {&MachineLabel, "bm01"},
-                                                     {&PublicBuildJob, "false"},
-                                                     {&JobDateTime, "10-14-2020-09-05-00"}};
-  for (auto [field, value] : settings)
-    safe_cpy(field, value);
+  safe_cpy(&TaskName, "nightly build");
+  safe_cpy(&MachineLabel, "bm01");
   LogURL = "http://127.0.0.1:" + server.line + "/weftlane/LogUpload";
   {
     ScopedCwd cwd(dir.path());
@@ -44,15 +41,57 @@ TEST(NetUpload, PythonServerParsesFieldsAndFile) {
   ResetSettings();
   ASSERT_EQ(server.Wait().status, 0) << server.Wait().err;
   std::string parsed;
-  for (const char* item :
-       {"request-line", "host", "content-type", "parts", "field-JobName", "field-Owner",
-        "field-Machine", "field-PublicBuildJob", "field-JobDateTime", "fieldname-1", "filename-1"})
+  for (const char* item : {"request-line", "host", "content-type", "parts", "field-JobName",
+                           "field-Owner", "field-Machine", "field-PublicBuildJob", "filename-1"})
     parsed += ReadFile(dir / ("parsed/" + std::string(item))).value_or("<missing>") + "\n";
   EXPECT_EQ(parsed, "POST /weftlane/LogUpload HTTP/1.1\n127.0.0.1:" + server.line +
                         "\nmultipart/form-data; boundary=---------------------------7d3cc298904e2\n"
-                        "6\nnightly build\nbuilder\nbm01\nfalse\n10-14-2020-09-05-00\nmptest\n" +
+                        "6\nnightly build\n\nbm01\nfalse\n" +
                         name + "\n");
   EXPECT_EQ(ReadFile(dir / "parsed/file-1"), content);
 }
+
+#ifdef WL_RECEIVER
+// Both reports of an inspection run reach the receiver exactly as written.
+TEST(NetRun, InspectionUploadsBothReportsToTheReceiver) {
+  TempDir dir;
+  const std::string start = dir / "start", base = "job-box-2020-10-14 10_20_30";
+  MakeDirs(start);
+  MakeDirs(dir / "home");
+  WriteFile(dir / "tree/src/main.c", "int main(void) { return 0; }\n");
+  for (const std::string number : {"01", "02"}) {
+    SCOPED_TRACE("run " + number);
+    const std::string got = dir / ("got" + number), port_file = dir / ("port" + number);
+    BackgroundRun receiver(
+        {WL_RECEIVER, "--dir", got, "--port-file", port_file, "--count", "2", "--timeout", "60"},
+        port_file);
+    ASSERT_FALSE(receiver.line.empty()) << receiver.Wait().err;
+    const std::string server = "http://127.0.0.1:" + receiver.line;
+    auto r = RunTool({"-b", dir / "tree", "-lj", "job", "-lm", "box", "-lo", "me", "-lp", "-ld",
+                      "2020-10-14 10_20_30"},
+                     ToolEnv(dir / "home", server), start);
+    ASSERT_EQ(receiver.Wait().status, 0) << receiver.Wait().err << r.out;
+    EXPECT_EQ(r.status, 0) << r.out;
+    const std::string sent = "LogUrl=" + server + "/LogUpload\n\n";
+    EXPECT_NE(r.out.find("Uploading Report Data " + base + "-bom.data\n" + sent +
+                         "Uploading Report Data " + base + "-diff.data\n" + sent + "Complete\n"),
+              std::string::npos)
+        << r.out;
+    const std::string fields =
+        "JobName=job\nOwner=me\nMachine=box\nPublicBuildJob=true\nJobDateTime=2020-10-14 "
+        "10_20_30\n";
+    for (const std::string n_kind : {"1-bom", "2-diff"}) {
+      const std::string kind = n_kind.substr(1);
+      auto kept = ReadFile(start + "/" + base + "-" + number + kind + ".data");
+      ASSERT_TRUE(kept) << kind;
+      EXPECT_EQ(ReadFile(got + "/" + n_kind[0] + "-" + base + kind + ".data"), kept);
+      EXPECT_EQ(ReadFile(got + "/" + n_kind[0] + "-fields.txt"), fields);
+      // The transfer copy is gone; the numbered file stays.
+      EXPECT_FALSE(ReadFile(start + "/" + base + kind + ".data"));
+    }
+  }
+}
+
+#endif  // WL_RECEIVER
 
 }  // namespace

@@ -1,17 +1,16 @@
-// SOAP log stream and one-shot SOAP posts on the wire.
+// SOAP log stream, one-shot SOAP posts, HTTPGet and HTTPPost on the wire.
 
 #include "net/soap.h"
 
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <string>
 
 #include "net/joblog.h"
+#include "net/transfer.h"
 #include "net/transport.h"
 #include "support/strings.h"
 #include "testlib/net_fixtures.h"
-#include "testlib/testlib.h"
 
 namespace {
 
@@ -80,47 +79,19 @@ class SoapTest : public ::testing::Test {
   }
 };
 
-TEST_F(SoapTest, DocumentAndEventTypeBits) {
-  EXPECT_EQ(LogMessageDocument(9, "grp", "src", "ev", "short", "10/14/2020 09:05:00"),
-            Doc("9", "10/14/2020 09:05:00"));
-  const std::pair<int, const char*> types[] = {{1, "9"}, {4, "4"}, {5, "5"}, {0, "8"}, {8, "8"}};
-  for (auto [given, written] : types) {
-    EXPECT_NE(Stream(given, 1, {"x"}).find(">" + std::string(written) + "</EventType>"),
-              std::string::npos)
-        << given;
-  }
-}
-
 // The stated length counts the footer text and the document without line
 // breaks, plus the announced text length and one; line breaks never go out.
+// The event type gets the bit of value 8 unless the bit of value 4 is set.
 TEST_F(SoapTest, StreamBytesOnTheWire) {
   std::string doc = Doc("9", "NOW");
   std::erase(doc, '\n');
   const size_t n = doc.size() + 16;  // the DateTime sent is 16 characters longer than "NOW"
   EXPECT_EQ(Stream(1, 4, {"a\r\nb"}), SoapHead("/weftlane/LogUpload", n + 5) + doc + "a|b|\n\n");
   LogFooterText = "</Message>\r\n</SOAP-ENV:Body></SOAP-ENV:Envelope>";
-  EXPECT_EQ(Stream(1, 10, {"one\n\ntwo\n", "", "three"}),
+  doc.replace(doc.find(">9</EventType>"), 2, ">5");
+  EXPECT_EQ(Stream(5, 10, {"one\n\ntwo\n", "", "three"}),
             SoapHead("/weftlane/LogUpload", 48 + n + 11) + doc +
                 "one|two|three|</Message></SOAP-ENV:Body></SOAP-ENV:Envelope>\n\n");
-}
-
-// Log type 1 only echoes; 3 echoes and sends; a refused stream stays quiet.
-TEST_F(SoapTest, LogTypes) {
-  myLogType = 1;
-  std::string err;
-  int fd = 12345;
-  CaptureStdout out;
-  EXPECT_EQ(LogMessageHeader(err, 1, "g", "s", "e", "m", 3, &fd) + fd, 12345);
-  EXPECT_EQ(LogMessageText(fd, "a\r\nb") + LogMessageFooter(fd), 1);
-  myLogType = 3;
-  EXPECT_TRUE(Stream(4, 2, {"a\nb"}).ends_with("a|b|\n\n"));
-  EXPECT_EQ(out.Take(), "a\r\nba\nb");
-  myLogType = 2;
-  RefusingPort refusing;
-  myURL = refusing.Url("/weftlane/LogUpload");
-  EXPECT_EQ(LogMessageHeader(err, 1, "g", "s", "e", "m", 3, &fd) + fd, -1);
-  EXPECT_EQ(err, refusing.ConnectError());
-  EXPECT_EQ(LogMessageText(fd, "abc") + LogMessageFooter(fd), 0);
 }
 
 // A parser nobody here wrote, with namespaces on, accepts the document with
@@ -168,11 +139,6 @@ TEST(HTTPPostSoap, RequestsAndAnswers) {
                   "/svc"),
               SoapHead("/svc", raw ? 5 : 3) + (raw ? "x\r\ny\n\n" : "xy\n\n"));
   }
-  const std::string reply = "HTTP/1.1 200 OK\r\n\r\n" + std::string(100000, 'r') + "\nend";
-  LoopbackListener server(Reply(reply, "\n\n"));
-  char* answer = HTTPPostSoap2(err, server.Url("/svc").c_str(), "", 0);
-  EXPECT_EQ(std::string(answer ? answer : "(null)"), reply);  // long lines joined
-  safe_free(&answer);
   LoopbackListener closing(
       [](ServerConn& c) {
         c.ReadRequest();
@@ -181,8 +147,79 @@ TEST(HTTPPostSoap, RequestsAndAnswers) {
       2);
   EXPECT_EQ(HTTPPostSoap2(err, closing.Url("/svc").c_str(), "<a/>", 0), nullptr);
   EXPECT_EQ(HTTPPostSoap(err, closing.Url("/svc").c_str(), "<a/>\n"), 1);
-  LoopbackListener answering(Reply());
-  EXPECT_EQ(HTTPPostSoap(err, answering.Url("/svc").c_str(), "<a/>\n"), 0);
+}
+
+// --- HTTPGet and HTTPPost ---
+
+// HTTPGet of `source`: the text (or "<null>") and the error text.
+std::string Get(const std::string& source, std::string* err_out = nullptr) {
+  std::string err = "stale";
+  char* text = HTTPGet(err, source.c_str());
+  std::string out = text ? std::string(text) : "<null>";
+  safe_free(&text);
+  if (err_out)
+    *err_out = err;
+  return out;
+}
+
+TEST(HTTPGet, RequestAndAnswers) {
+  EXPECT_EQ(Wire([](const std::string& url) { EXPECT_EQ(Get(url), "OK\n"); },
+                 "/dir with space/a b.txt", "\n\n\n"),
+            "GET /dir%20with%20space/a%20b.txt HTTP/1.0\n\n\n");
+  const std::string longer = std::string(150000, 'x') + "\n" + std::string(70000, 'y');
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\nline1\r\nline2\nlast",
+       "line1\r\nline2\nlast", ""},
+      {"HTTP/1.1 404 Not Found\r\n\r\ngone\n", "gone\n",
+       "ERROR 404: file not found, HTTP/1.1 404 Not Found\r\n\n"},
+      {"HTTP/1.1 500 Oops\r\nX: y\r\n\r\nbody", "body",
+       "ERROR 401: http connect error, HTTP/1.1 500 Oops\r\n\n"},
+      {"http/1.0 301 Moved\n\nb", "b", "ERROR 401: http connect error, http/1.0 301 Moved\n\n"},
+      {"Server: none\n\nb", "b", ""},
+      {"", "", ""},
+      {"HTTP/1.0 200 OK\r\n\r\n" + longer, longer, ""},
+      {"HTTP/1.0 200 OK\r\n\r\n<head><title>Not Found (404)</title></head>", "<null>", ""},
+      {"HTTP/1.0 200 OK\r\n\r\n<head><title>Not Found", "<head><title>Not Found", ""},
+  };
+  for (const auto& [reply, text, err] : cases) {
+    LoopbackListener server(Reply(reply, "\n\n\n"));
+    std::string got_err;
+    EXPECT_EQ(Get(server.Url("/f"), &got_err), text) << reply.substr(0, 60);
+    EXPECT_EQ(got_err, err) << reply.substr(0, 60);
+  }
+  RefusingPort refusing;
+  std::string err;
+  EXPECT_EQ(Get(refusing.Url("/f"), &err) + err, "<null>" + refusing.ConnectError());
+}
+
+// A source that is not an http URL is a local file, read like an answer.
+TEST(HTTPGet, LocalFiles) {
+  TempDir dir;
+  WriteFile(dir / "HTTP:/x", std::string("ab\0cd\nef\n", 9));
+  WriteFile(dir / "nf.html", "<head><title>Not Found (404)</title></head>\n");
+  ScopedCwd cwd(dir.path());
+  EXPECT_EQ(Get("HTTP://x") + Get("nf.html") + Get("missing.txt"), "abef\n<null><null>");
+}
+
+// The file goes out line by line with line breaks stripped from both ends;
+// one byte more than stated is sent.
+TEST(HTTPPost, RequestFromTheFile) {
+  TempDir dir;
+  WriteFile(dir / "deps.txt", "a b\r\n\r\n\rlead\nmid\rdle\r\nlast");
+  std::string err = "stale";
+  EXPECT_EQ(Wire(
+                [&](const std::string& url) {
+                  EXPECT_EQ(HTTPPost(err, url.c_str(), (dir / "deps.txt").c_str()), 0);
+                },
+                "/svc/deps", "last\n\n"),
+            SoapHead("/svc/deps", 19) + "a bleadmid\rdlelast\n\n");
+  EXPECT_EQ(err, "");
+  CaptureStdout out;
+  EXPECT_EQ(Wire([&](const std::string& url) {  // connects, sends nothing
+              EXPECT_EQ(HTTPPost(err, url.c_str(), "/nonexistent/deps.txt"), 7);
+            }),
+            "");
+  EXPECT_EQ(out.Take(), "ERROR 11: Could not read dependency file /nonexistent/deps.txt\n");
 }
 
 }  // namespace

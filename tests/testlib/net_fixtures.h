@@ -10,9 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -88,16 +86,6 @@ struct ServerConn {
     }
     return true;
   }
-  void Reset() {  // abort the connection with a reset
-    linger lg{1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-    Close();
-  }
-  void Finish() {  // half-close, read to the peer's end of stream, close
-    shutdown(fd, SHUT_WR);
-    ReadUntil([](const std::string&) { return false; });
-    Close();
-  }
   void Close() {
     if (fd >= 0)
       close(fd);
@@ -109,8 +97,7 @@ struct ServerConn {
 
 // Serves `connections` connections one after the other and keeps the raw
 // bytes each one sent.
-class LoopbackListener : public LoopbackPort {
- public:
+struct LoopbackListener : LoopbackPort {
   using Handler = std::function<void(ServerConn&)>;
   explicit LoopbackListener(Handler handler, int connections = 1) {
     listen(fd, 16);
@@ -120,7 +107,6 @@ class LoopbackListener : public LoopbackPort {
         ServerConn conn(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC));
         handler(conn);
         conn.Close();
-        std::lock_guard<std::mutex> lock(mu_);
         requests_.push_back(conn.data);
       }
     });
@@ -129,7 +115,6 @@ class LoopbackListener : public LoopbackPort {
   std::vector<std::string> requests() {  // waits for the serving thread
     if (thread_.joinable())
       thread_.join();
-    std::lock_guard<std::mutex> lock(mu_);
     return requests_;
   }
   std::string request() {
@@ -137,8 +122,6 @@ class LoopbackListener : public LoopbackPort {
     return all.empty() ? "" : all.front();
   }
 
- private:
-  std::mutex mu_;
   std::vector<std::string> requests_;
   std::thread thread_;
 };
@@ -152,7 +135,8 @@ inline LoopbackListener::Handler Reply(std::string reply = kOkReply, std::string
     else
       c.ReadUntil([&](const std::string& d) { return d.ends_with(tail); });
     c.Send(reply);
-    c.Finish();
+    shutdown(c.fd, SHUT_WR);  // then read to the client's end of stream
+    c.ReadUntil([](const std::string&) { return false; });
   };
 }
 
@@ -205,15 +189,14 @@ inline bool HavePython() { return std::system("python3 -c '' >/dev/null 2>&1") =
 
 // Runs argv through sh with a system PATH on a thread of its own, then
 // waits for the first line written to `line_file` (the line, or "" after
-// 20 s or when the program ended first).
+// 20 s).
 struct BackgroundRun {
   BackgroundRun(std::vector<std::string> argv, const std::string& line_file) {
     argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$@\"", "sh"});
     thread = std::thread([this, argv] {
       result = RunProgram(argv, {{"PATH", "/usr/local/bin:/usr/bin:/bin"}}, "/", 60);
-      done = true;
     });
-    for (int i = 0; i < 1000 && !done && line.empty(); ++i, poll(nullptr, 0, 20)) {
+    for (int i = 0; i < 1000 && line.empty(); ++i, poll(nullptr, 0, 20)) {
       std::string text = ReadFile(line_file).value_or("");
       if (size_t eol = text.find('\n'); eol != text.npos)
         line = text.substr(0, eol);
@@ -227,7 +210,6 @@ struct BackgroundRun {
   }
   std::string line;
   RunResult result;
-  std::atomic<bool> done = false;
   std::thread thread;
 };
 
