@@ -38,11 +38,9 @@ class UploadFileTest : public ::testing::Test {
     return out.Take();
   }
   std::string Sent(const std::string& name, const std::string& content, const std::string& path) {
-    return Wire(
-        [&](const std::string& url) {
-          EXPECT_EQ(Upload(url, name, content), "LogUrl=" + url + "\n\n");
-        },
-        path);
+    return Wire(path, "", [&](const std::string& url) {
+      EXPECT_EQ(Upload(url, name, content), "LogUrl=" + url + "\n\n");
+    });
   }
   static std::string Fields() {
     return Field("JobName", "nightly") + Field("Owner", "builder") + Field("Machine", "bm01") +
@@ -54,11 +52,10 @@ class UploadFileTest : public ::testing::Test {
 // The file goes out in pieces of 9999 bytes, each cut at its first NUL; the
 // request line names /weftlane/LogUpload whatever the path of LogURL.
 TEST_F(UploadFileTest, FileContentAsSent) {
-  const std::string w(25000, 'w'), p(9998, 'p');
+  const std::string p(9998, 'p');
   const std::pair<std::string, std::string> cases[] = {
       {"", ""},
       {"line one\nline two\n", "line one\nline two\n"},
-      {w + "\nend\n", w + "\nend\n"},
       {std::string("ab\0cd\nef\n", 9), "abef\n"},
       {p + std::string("\0q", 2) + "rest\n", p + "qrest\n"},
       {std::string("ab\0", 3) + std::string(12000, 'p') + "\n",
@@ -86,12 +83,11 @@ TEST_F(UploadFileTest, UrlAndFileErrors) {
             "LogUrl=" + url + "\nCould not open " + (dir_ / "absent.data") + " for upload\n");
 }
 
-// Read the request, answer `head`, then `total` bytes of `piece`, close.
-LoopbackListener::Handler Answer(std::string head, std::string piece = "", size_t total = 0) {
+// Read the request, answer `text`, close.
+LoopbackListener::Handler Answer(std::string text) {
   return [=](ServerConn& c) {
     c.ReadRequest();
-    if (c.Send(head))
-      c.Send(piece, total);
+    c.Send(text);
     c.Close();
   };
 }
@@ -99,16 +95,16 @@ LoopbackListener::Handler Answer(std::string head, std::string piece = "", size_
 // Whatever the server does, UploadFile prints only its URL line and
 // HTTPPostHTML counts the made connection as success; neither hangs or dies.
 TEST_F(UploadFileTest, ServerFaults) {
-  std::string lines;
-  for (int i = 0; i < 2000; ++i)
+  std::string lines = "HTTP/1.1 500 E\r\n\r\n";
+  while (lines.size() < (32 << 20))
     lines += "a line of an answer that goes on and on\r\n";
   const std::pair<const char*, LoopbackListener::Handler> faults[] = {
       {"refused", nullptr},
       {"404", Answer("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n")},
       {"500", Answer("HTTP/1.1 500 Internal Server Error\r\n\r\nno")},
       {"close before answer", Answer("")},
-      {"10 MB line", Answer("HTTP/1.1 200 OK\r\n\r\n", std::string(65536, 'L'), 10 << 20)},
-      {"endless body", Answer("HTTP/1.1 500 E\r\n\r\n", lines, 32 << 20)},
+      {"10 MB line", Answer("HTTP/1.1 200 OK\r\n\r\n" + std::string(10 << 20, 'L'))},
+      {"endless body", Answer(lines)},
       {"reset mid-request", [](ServerConn& c) {
          c.ReadUntil([](auto& d) { return d.size() > 1000; });
          linger lg{1, 0};  // abort with a reset
@@ -154,7 +150,7 @@ TEST_F(UploadBench, DISABLED_Report) {
       received += n;
     c.Send(kOkReply);
   });
-  std::ofstream("/proc/self/clear_refs") << "5";  // restart the peak (VmHWM) count
+  std::ofstream("/proc/self/clear_refs") << "5";  // restart the peak memory count
   auto start = std::chrono::steady_clock::now();
   LogURL = server.Url("/weftlane/LogUpload");
   {
@@ -163,13 +159,11 @@ TEST_F(UploadBench, DISABLED_Report) {
   }
   std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
   server.request();
-  std::ifstream status("/proc/self/status");
-  std::string rss;
-  while (std::getline(status, rss) && !rss.starts_with("VmHWM:")) {
-  }
-  std::printf("upload bench: file %.1f MB, received %.1f MB, %.2f s, %.1f MB/s, peak RSS %s\n",
-              size / 1048576.0, received / 1048576.0, took.count(), size / 1048576.0 / took.count(),
-              rss.c_str() + 6);
+  std::printf("upload bench: file %.1f MB, received %.1f MB, %.2f s, %.1f MB/s, peak ",
+              size / 1048576.0, received / 1048576.0, took.count(),
+              size / 1048576.0 / took.count());
+  std::fflush(stdout);
+  std::system("grep '^VmHWM' /proc/$PPID/status");  // the peak since the upload began
 }
 
 }  // namespace

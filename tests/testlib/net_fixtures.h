@@ -26,8 +26,8 @@ inline const std::string kOkReply =
 
 // A socket bound to a free 127.0.0.1 port; while it does not listen,
 // connecting to the port is refused.
-struct LoopbackPort {
-  LoopbackPort() {
+struct RefusingPort {
+  RefusingPort() {
     sockaddr_in sa{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof sa;
     if (bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0 ||
@@ -35,7 +35,7 @@ struct LoopbackPort {
       throw std::runtime_error("cannot bind 127.0.0.1");
     port = ntohs(sa.sin_port);
   }
-  ~LoopbackPort() { close(fd); }
+  ~RefusingPort() { close(fd); }
   std::string Url(const std::string& path = "") const {
     return "http://127.0.0.1:" + std::to_string(port) + path;
   }
@@ -46,7 +46,6 @@ struct LoopbackPort {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   uint16_t port = 0;
 };
-using RefusingPort = LoopbackPort;
 
 // One accepted connection, seen from the server's side.
 struct ServerConn {
@@ -75,16 +74,9 @@ struct ServerConn {
              d.size() - end >= (cl < end ? std::strtoul(d.c_str() + cl + 16, nullptr, 10) : 0);
     });
   }
-  // Send text, repeated until `total` bytes went out when total is larger.
-  bool Send(const std::string& text, size_t total = 0) {
-    for (size_t sent = 0, n = 0; sent < std::max(total, text.size()); sent += n) {
-      size_t at = sent % text.size();
-      ssize_t r = send(fd, text.data() + at, text.size() - at, MSG_NOSIGNAL);
-      if (r <= 0)
-        return false;
-      n = static_cast<size_t>(r);
-    }
-    return true;
+  void Send(const std::string& text) {
+    for (ssize_t n = 0, sent = 0; sent < std::ssize(text) && n >= 0; sent += n)
+      n = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
   }
   void Close() {
     if (fd >= 0)
@@ -97,7 +89,7 @@ struct ServerConn {
 
 // Serves `connections` connections one after the other and keeps the raw
 // bytes each one sent.
-struct LoopbackListener : LoopbackPort {
+struct LoopbackListener : RefusingPort {
   using Handler = std::function<void(ServerConn&)>;
   explicit LoopbackListener(Handler handler, int connections = 1) {
     listen(fd, 16);
@@ -142,9 +134,8 @@ inline LoopbackListener::Handler Reply(std::string reply = kOkReply, std::string
 
 // Runs call(url) against a loopback server that answers kOkReply (after
 // `tail` when given); the request, with the server's port written "PORT".
-inline std::string Wire(const std::function<void(const std::string& url)>& call,
-                        const std::string& path = "/weftlane/LogUpload",
-                        const std::string& tail = "") {
+inline std::string Wire(const std::string& path, const std::string& tail,
+                        const std::function<void(const std::string& url)>& call) {
   LoopbackListener server(Reply(kOkReply, tail));
   call(server.Url(path));
   std::string r = server.request();
@@ -152,6 +143,9 @@ inline std::string Wire(const std::function<void(const std::string& url)>& call,
   for (size_t at = 0; (at = r.find(from, at)) != r.npos;)
     r.replace(at, from.size(), "127.0.0.1:PORT");
   return r;
+}
+inline std::string Wire(const std::function<void(const std::string& url)>& call) {
+  return Wire("/weftlane/LogUpload", "", call);
 }
 
 // Expected multipart pieces, as the upload clients write them.
