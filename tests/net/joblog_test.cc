@@ -79,25 +79,20 @@ TEST_F(JobLogTest, LogMessageRequests) {
 
 class RecordTest : public JobLogTest {
  protected:
-  // Post one record for server base `base`; the HTTPPostHTML2 result.
-  int PostTo(std::string base, const char* summary, const char* detail, intptr_t type,
-             intptr_t pub = 1) {
-    JobLogRecord r = {};  // slots 1 to 5: server, task, machine, date-time, owner
-    const char* texts[] = {base.c_str(), "job", "bm01", "10-14-2020", "me"};
-    for (int slot = kSlotServerUrl; slot <= kSlotOwner; ++slot)
-      r[slot] = JobLogText(texts[slot - kSlotServerUrl]);
-    r[kSlotSummary] = JobLogText(summary);
-    r[kSlotDetail] = JobLogText(detail);
-    r[kSlotPublic] = pub;
-    r[kSlotMessageType] = type;
-    std::string err;
-    int result = HTTPPostHTML2(err, r);
-    EXPECT_EQ(err, "");
-    return result;
-  }
-  std::string Post(const char* summary, const char* detail, intptr_t type, intptr_t pub = 1) {
-    return Wire(
-        [&](const std::string& url) { EXPECT_EQ(PostTo(url, summary, detail, type, pub), 0); });
+  // The request of one record posted to a loopback server.
+  static std::string Post(const char* summary, const char* detail, intptr_t type, intptr_t pub) {
+    return Wire([&](const std::string& url) {
+      JobLogRecord r = {};  // slots 1 to 5: server, task, machine, date-time, owner
+      const char* texts[] = {url.c_str(), "job", "bm01", "10-14-2020", "me"};
+      for (int slot = kSlotServerUrl; slot <= kSlotOwner; ++slot)
+        r[slot] = JobLogText(texts[slot - kSlotServerUrl]);
+      r[kSlotSummary] = JobLogText(summary);
+      r[kSlotDetail] = JobLogText(detail);
+      r[kSlotPublic] = pub;
+      r[kSlotMessageType] = type;
+      std::string err;
+      EXPECT_EQ(HTTPPostHTML2(err, r), 0) << err;
+    });
   }
   ScopedEnv env_{"WEFTLANE_SERVER", "http://127.0.0.1:1/unused"};
 };
@@ -119,7 +114,7 @@ TEST_F(RecordTest, WholeRequests) {
   };
   for (const auto& [detail, type, rule] : rules) {
     EXPECT_TRUE(
-        Post("s", detail, type).ends_with((rule ? kRule : "") + detail + "\r\n" + kEnd + "\r\n"))
+        Post("s", detail, type, 1).ends_with((rule ? kRule : "") + detail + "\r\n" + kEnd + "\r\n"))
         << detail;
   }
 }

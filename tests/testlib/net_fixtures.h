@@ -103,17 +103,12 @@ struct LoopbackListener : RefusingPort {
       }
     });
   }
-  ~LoopbackListener() { requests(); }
-  std::vector<std::string> requests() {  // waits for the serving thread
+  ~LoopbackListener() { request(); }
+  std::string request() {  // the first request, once the serving thread ended
     if (thread_.joinable())
       thread_.join();
-    return requests_;
+    return requests_.empty() ? "" : requests_.front();
   }
-  std::string request() {
-    auto all = requests();
-    return all.empty() ? "" : all.front();
-  }
-
   std::vector<std::string> requests_;
   std::thread thread_;
 };
