@@ -27,11 +27,13 @@ void AppendFilePartHead(std::string& body, const char* filename) {
   body += "\"\r\nContent-Type: text/html\r\n\r\n";
 }
 
-std::string UploadHeader(const std::string& host, const std::string& port) {
+std::string UploadHeader(const std::string& host, const std::string& port, bool connection_close) {
   std::string header;
   header += kUploadRequestLine;
   header += kAcceptLine;
   header += kAcceptLanguageLine;
+  if (connection_close)
+    header += kConnectionCloseLine;
   header += kFormContentTypeLine;
   header += kAcceptEncodingLine;
   header += kUserAgentLine;

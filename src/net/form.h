@@ -44,7 +44,10 @@ void AppendFilePartHead(std::string& body, const char* filename);
 // The seven header lines of the report upload, in order: request line,
 // Accept, Accept-Language, Content-Type, Accept-Encoding, User-Agent, and
 // "Host: <host>:<port>\r\n". HTTPPostHTML adds the Content-Length line.
-std::string UploadHeader(const std::string& host, const std::string& port);
+// With connection_close (the job log posts), "Connection: close\r\n" comes
+// after Accept-Language.
+std::string UploadHeader(const std::string& host, const std::string& port,
+                         bool connection_close = false);
 
 // The job fields of the report upload, in order: JobName, Owner, Machine,
 // PublicBuildJob ("true" when public_flag is "true" in any letter case,

@@ -36,21 +36,27 @@ bool StartsAsProgress(const char* detail) {
          IsNEqual(detail, "Starting '", 10, 0);
 }
 
-// The eight header lines of SetupJobInfo and LogMessage.
-std::string JobLogHeader(const std::string& host, const std::string& port) {
-  std::string header;
-  header += kUploadRequestLine;
-  header += kAcceptLine;
-  header += kAcceptLanguageLine;
-  header += kConnectionCloseLine;
-  header += kFormContentTypeLine;
-  header += kAcceptEncodingLine;
-  header += kUserAgentLine;
-  header += HostLine(host, port, "\r\n");
-  return header;
+void PrintLine(const std::string& text) { std::printf("%s\n", text.c_str()); }
+
+// The JobName, Owner and Machine fields of the registered job.
+void AppendJobFields(std::string& body) {
+  AppendFormField(body, "JobName", myTaskName.c_str());
+  AppendFormField(body, "Owner", myOwner.c_str());
+  AppendFormField(body, "Machine", myMachine.c_str());
 }
 
-void PrintLine(const std::string& text) { std::printf("%s\n", text.c_str()); }
+// End the last part, close the form, post it to myURL and print the error
+// text (an empty line on success).
+int PostJobForm(std::string& err, const std::string& host, const std::string& port,
+                std::string& body) {
+  body += "\r\n";
+  body += kFormClosingLine;
+  body += "\r\n";
+  std::string header = UploadHeader(host, port, true);
+  int result = HTTPPostHTML(err, myURL.c_str(), header, body.c_str());
+  PrintLine(err);
+  return result;
+}
 
 // Statics of HTTPPostHTML2.
 std::optional<std::string> wl_server_env;
@@ -113,22 +119,13 @@ int SetupJobInfo(std::string& err, uint32_t log_type, const char* url, const cha
     std::printf(" %s\n", address.c_str());
   }
 
-  std::string header = JobLogHeader(host, port);
   std::string body;
-  AppendFormField(body, "JobName", myTaskName.c_str());
-  AppendFormField(body, "Owner", myOwner.c_str());
-  AppendFormField(body, "Machine", myMachine.c_str());
+  AppendJobFields(body);
   AppendFormField(body, "JobDateTime", myJobDateTime.c_str());
   AppendFormField(body, "PublicBuildJob", IsPublic(myPublicBuildJob) ? "true\r\n" : "false\r\n");
   body += kFormDelimiterLine;
   AppendFilePartHead(body, (kFileNameBase + key + "-Summary.html").c_str());
-  body += "\r\n";
-  body += kFormClosingLine;
-  body += "\r\n";
-
-  int result = HTTPPostHTML(err, myURL.c_str(), header, body.c_str());
-  PrintLine(err);
-  return result;
+  return PostJobForm(err, host, port, body);
 }
 
 int LogMessage(std::string& err, int echo, uint32_t type, const char* /*unused1*/,
@@ -149,11 +146,8 @@ int LogMessage(std::string& err, int echo, uint32_t type, const char* /*unused1*
   const char* detail_text = OrEmpty(detail);
   std::string body;
   body.reserve(std::strlen(summary_text) + std::strlen(detail_text) + 2000);
-  std::string header = JobLogHeader(host, port);
   AppendFormField(body, "BuildComplete", BuildCompleteMarker(summary));
-  AppendFormField(body, "JobName", myTaskName.c_str());
-  AppendFormField(body, "Owner", myOwner.c_str());
-  AppendFormField(body, "Machine", myMachine.c_str());
+  AppendJobFields(body);
   AppendFormField(body, "PublicBuildJob", IsPublic(myPublicBuildJob) ? "true\n" : "false\n");
   AppendFormField(body, "JobDateTime", myJobDateTime.c_str());
   AppendFormField(body, "Type", MessageTypeName(type));
@@ -168,13 +162,7 @@ int LogMessage(std::string& err, int echo, uint32_t type, const char* /*unused1*
   if (StartsAsProgress(detail_text))
     body += kRuleLine;
   body += detail_text;
-  body += "\r\n";
-  body += kFormClosingLine;
-  body += "\r\n";
-
-  int result = HTTPPostHTML(err, myURL.c_str(), header, body.c_str());
-  PrintLine(err);
-  return result;
+  return PostJobForm(err, host, port, body);
 }
 
 std::string JobLogUploadUrl(const char* base) {

@@ -50,10 +50,10 @@ void AppendElement(std::string& doc, const char* name, const char* id, const cha
   doc += id;
   doc += "\" xmlns:ns0=\"";
   doc += kLogServiceNs;
-  doc += "\" xsi2:type=\"xsd2:";
-  doc += type;
-  doc += "\" xsi:type=\"xsd2:";
-  doc += type;
+  for (const char* attribute : {"\" xsi2:type=\"xsd2:", "\" xsi:type=\"xsd2:"}) {
+    doc += attribute;
+    doc += type;
+  }
   doc += "\">";
   doc += content;
   if (close) {

@@ -61,6 +61,22 @@ int ConnectRetrying(int fd, const sockaddr_in& addr) {
   }
 }
 
+// Cut `text` at its first ":" and return the number of the port text after
+// it (up to a "/"), also stored in *port_text when given. Without a ":"
+// nothing changes and the result is the default port.
+uint16_t SplitPort(std::string& text, std::string* port_text) {
+  size_t colon = text.find(':');
+  if (colon == std::string::npos)
+    return kDefaultPort;
+  std::string after = text.substr(colon + 1);
+  text.resize(colon);
+  if (size_t slash = after.find('/'); slash != std::string::npos)
+    after.resize(slash);
+  if (port_text)
+    *port_text = after;
+  return PortFromText(after.c_str());
+}
+
 }  // namespace
 
 uint16_t PortFromText(const char* text) {
@@ -95,14 +111,7 @@ int tcp_connect(std::string& err, const char* url, std::string& host, std::strin
   if (size_t slash = host.find('/'); slash != std::string::npos)
     path = host.substr(slash);
   // The first ":" anywhere after the "//" counts, even inside the path.
-  if (size_t colon = host.find(':'); colon != std::string::npos) {
-    std::string port_text = host.substr(colon + 1);
-    host.resize(colon);
-    if (size_t slash = port_text.find('/'); slash != std::string::npos)
-      port_text.resize(slash);
-    port_number = PortFromText(port_text.c_str());
-    port = port_text;
-  }
+  port_number = SplitPort(host, &port);
   if (size_t slash = host.find('/'); slash != std::string::npos)
     host.resize(slash);
 
@@ -148,13 +157,7 @@ void getHostPort(std::string& err, const char* url, std::string& host, std::stri
     err = InvalidUrl(url);
     return;
   }
-  if (size_t colon = rest.find(':'); colon != std::string::npos) {
-    std::string port_text = rest.substr(colon + 1);
-    rest.resize(colon);
-    if (size_t slash = port_text.find('/'); slash != std::string::npos)
-      port_text.resize(slash);
-    port_number = PortFromText(port_text.c_str());
-  }
+  port_number = SplitPort(rest, nullptr);
   // Not cut at "/": without a port the path stays in the host text, and the
   // "Host:" headers built from it carry it.
   host = rest;
