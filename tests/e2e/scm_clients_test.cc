@@ -5,12 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "testlib/scm_fixtures.h"
 
 namespace {
-
-using wltest::RunResult;
 
 // Runs sh -c `script` in `cwd`; its output (errors merged), "\1" on failure.
 std::string Sh(const std::string& script, const std::string& cwd) {
@@ -25,19 +24,12 @@ std::string Sh(const std::string& script, const std::string& cwd) {
 
 class ScmClients : public ::testing::Test {
  protected:
-  // A workspace holding a.c (committed twice) and sub/b.c (once), plus
-  // `extra` made by `script`; skipped when `tool` is missing.
+  // Makes a workspace in co_ with `script`, holding a.c (committed twice)
+  // and sub/b.c (once); skipped when `tool` is missing.
   void Make(const std::string& tool, const std::string& script) {
     if (Sh("command -v " + tool, "/") == "\1")
       GTEST_SKIP() << tool << " not installed";
     ASSERT_NE(Sh(script, root_), "\1");
-  }
-  void MakeSvn(const std::string& extra = "true") {
-    Make("svnadmin", "svnadmin create repo && svn checkout -q file://" + root_ +
-                         "/repo co && cd co && echo a > a.c && mkdir sub && echo b > sub/b.c && "
-                         "svn add -q a.c sub && svn commit -q -m one && echo a2 >> a.c && "
-                         "svn commit -q -m two && " +
-                         extra);
   }
   void MakeCvs() {
     const std::string cvs = "cvs -Q -d " + root_ + "/cvsroot ";
@@ -51,7 +43,7 @@ class ScmClients : public ::testing::Test {
   // `file` to its numbered output ("bom" or "diff").
   std::string Run(const std::string& keyword, const std::string& kind, std::string* file) {
     wltest::MakeDirs(start_);
-    RunResult r = wltest::RunTool(
+    wltest::RunResult r = wltest::RunTool(
         {"-c", keyword, "-b", co_, "-lj", "job.bom.data", "-lm", "m", "-ld", "2026-01-02 03:04:05"},
         wltest::ToolEnv(root_ + "/home", std::string("http://127.0.0.1:1"),
                         std::string("/usr/bin:/bin")),
@@ -94,19 +86,24 @@ class ScmClients : public ::testing::Test {
 
 // File names with shell characters are data all the way through.
 TEST_F(ScmClients, Svn) {
-  const std::string names[] = {"$(touch PWNED).c", "q\"uote.c", "back`touch PWNED`tick.c"};
-  MakeSvn(
-      "for n in '$(touch PWNED).c' 'q\"uote.c' 'back`touch PWNED`tick.c'; do echo v1 > \"$n\";"
-      " svn add -q -- \"$n\"; done && svn commit -q -m names && svn update -q");
+  const std::vector<std::string> changed = {"a.c", "$(touch PWNED).c", "q\"uote.c",
+                                            "back`touch PWNED`tick.c"};
+  Make("svnadmin", "svnadmin create repo && svn checkout -q file://" + root_ +
+                       "/repo co && cd co && echo a > a.c && mkdir sub && echo b > sub/b.c && "
+                       "svn add -q a.c sub && svn commit -q -m one && echo a2 >> a.c && "
+                       "svn commit -q -m two && for n in '$(touch PWNED).c' 'q\"uote.c' "
+                       "'back`touch PWNED`tick.c'; do echo v1 > \"$n\"; svn add -q -- \"$n\"; "
+                       "done && svn commit -q -m names && svn update -q");
   if (IsSkipped() || HasFatalFailure())
     return;
   std::string bom, diff;
   EXPECT_NE(Run("SVN", "bom", &bom).find("Executing: svn info -R 2>&1\n"), std::string::npos);
-  for (const std::string rel : {"a.c", "sub/b.c", names[0], names[1], names[2]})
+  EXPECT_EQ(Field(bom, "sub/b.c", 5), Revision("svn info --show-item revision", "sub/b.c"));
+  for (const auto& rel : changed) {
     EXPECT_EQ(Field(bom, rel, 5), Revision("svn info --show-item revision", rel)) << bom;
-  EXPECT_EQ(Field(bom, "a.c", 5), "3");
-  for (const std::string rel : {"a.c", names[0], names[1], names[2]})
     wltest::WriteFile(co_ + "/" + rel, "v2\n");
+  }
+  EXPECT_EQ(Field(bom, "a.c", 5), "3");
   const std::string path = co_ + "/a.c";
   EXPECT_NE(Run("SVN", "diff", &diff)
                 .find("Executing: svn info \"" + path +
@@ -114,12 +111,12 @@ TEST_F(ScmClients, Svn) {
                       "diff --revision 3 \"" +
                       path + "\" 2>&1\n"),
             std::string::npos);
-  for (const std::string rel : {"a.c", names[0], names[1], names[2]}) {
-    const std::string block = Block(diff, rel);
-    EXPECT_NE(block.find("\nPath: " + co_ + "/" + rel + "\nName: "), std::string::npos) << diff;
-    EXPECT_NE(block.find("\nRevision: 3\n"), std::string::npos) << block;
-    EXPECT_NE(block.find("\nIndex: " + co_ + "/" + rel + "\n"), std::string::npos) << block;
-    EXPECT_NE(block.find("\n+v2\n"), std::string::npos) << block;
+  for (const auto& rel : changed) {
+    const std::string block = Block(diff, rel), p = co_ + "/" + rel;
+    for (const std::string& part :
+         std::vector<std::string>{"\nPath: " + p + "\nName: ", std::string("\nRevision: 3\n"),
+                                  "\nIndex: " + p + "\n", "\n+v2\n"})
+      EXPECT_NE(block.find(part), std::string::npos) << part << diff;
   }
   EXPECT_EQ(Block(diff, "sub/b.c"), "");  // unchanged: no block
   for (const std::string& where : {start_, co_, root_})
