@@ -17,22 +17,18 @@ namespace {
 const std::string kSep = std::string(22, '!') + "\n";
 
 // The build directory is the current one; the changed file lies in
-// ws/src below it. Each fake client prints "<tool> <first arg>", two cvs
-// notices (left out of the comparison step's output only) and "<tool> end".
+// ws/src below it. Each fake client prints "<tool> out", two cvs notices
+// (left out of the comparison step's output only) and "<tool> end".
 class DetailTest : public wltest::ScmTest {
  protected:
   DetailTest() {
     wltest::MakeDirs(ws_ + "/src");
     for (const char* tool :
-         {"cvs", "cleartool", "hsigget", "svn", "ss", "p4", "si", "accurev", "tf.exe"}) {
-      for (const char* sub : {"", "log", "diff", "lshist", "info", "Properties", "filelog",
-                              "memberinfo", "stat", "properties"})
-        fakes_.Output(tool, Kept(tool, *sub ? sub : "out"), sub);
-    }
+         {"cvs", "cleartool", "hsigget", "svn", "ss", "p4", "si", "accurev", "tf.exe"})
+      fakes_.Output(tool, Kept(tool));
   }
-  static std::string Kept(const std::string& tool, const std::string& sub) {
-    return tool + " " + sub + "\ncvs log: in directory src\ncvs [log aborted]: stop\n" + tool +
-           " end\n";
+  static std::string Kept(const std::string& tool) {
+    return tool + " out\ncvs log: in directory src\ncvs [log aborted]: stop\n" + tool + " end\n";
   }
   // Runs GetDetail for src/<name> at version `now` (before: `old`); returns
   // the report text and sets `printed`.
@@ -78,45 +74,41 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
     uint32_t type;
     const char *now, *old;
     bool in_src;  // runs in the file's directory
-    const char *first, *second, *sub, *args1, *args2;
+    const char *first, *second, *args1, *args2;
   } cases[] = {
       {kScmCvs, "1.2", "1.1", true, "cvs log \"{N}\" 2>&1", "cvs diff -c6 -r 1.1 \"{N}\" 2>&1",
-       "log", "[log][{N}]", "[diff][-c6][-r][1.1][{N}]"},
+       "[log][{N}]", "[diff][-c6][-r][1.1][{N}]"},
       {kScmCvsRep, "1.2", "1.1", true, "cvs log -r1.1 -r1.2  \"{R}\" 2>&1",
-       "cvs diff -c6 -r 1.1 \"{R}\" 2>&1", "log", "[log][-r1.1][-r1.2][{R}]",
-       "[diff][-c6][-r][1.1][{R}]"},
+       "cvs diff -c6 -r 1.1 \"{R}\" 2>&1", "[log][-r1.1][-r1.2][{R}]", "[diff][-c6][-r][1.1][{R}]"},
       {kScmClearCase, "/main/4", "/main/3   Rule: /main/LATEST", false,
-       "cleartool lshist \"{R}\" 2>&1", "cleartool diff \"{R}@@/main/3\" \"{R}\" 2>&1", "lshist",
+       "cleartool lshist \"{R}\" 2>&1", "cleartool diff \"{R}@@/main/3\" \"{R}\" 2>&1",
        "[lshist][{R}]", "[diff][{R}@@/main/3][{R}]"},
       {kScmHarvest, "3", "2", true,
        "hsigget {H} -t -a environment state package version versionid viewpath tag user modtime "
        "size 2>&1",
-       "", "out",
+       "",
        "[{R}][-t][-a][environment][state][package][version][versionid][viewpath][tag][user]"
        "[modtime][size]",
        ""},
       {kScmSvn, "14", "12", false, "svn info \"{P}\" 2>&1", "svn diff --revision 12 \"{P}\" 2>&1",
-       "info", "[info][{P}]", "[diff][--revision][12][{P}]"},
-      {kScmVss, "7", "6", false, "ss Properties \"{W}\" 2>&1", "", "Properties",
-       "[Properties][{W}]", ""},
+       "[info][{P}]", "[diff][--revision][12][{P}]"},
+      {kScmVss, "7", "6", false, "ss Properties \"{W}\" 2>&1", "", "[Properties][{W}]", ""},
       {kScmPerforce, "4", "3", true, "p4 filelog -t -L \"{P}\" 2>&1",
-       "p4 diff -dnl -f \"{P}\"#3 2>&1", "filelog", "[filelog][-t][-L][{P}]",
-       "[diff][-dnl][-f][{P}#3]"},
+       "p4 diff -dnl -f \"{P}\"#3 2>&1", "[filelog][-t][-L][{P}]", "[diff][-dnl][-f][{P}#3]"},
       {kScmSi, "1.5", "1.4", false, "si memberinfo --batch \"{P}\" 2>&1",
-       "si diff --batch -r \"1.4\" \"{P}\" 2>&1", "memberinfo", "[memberinfo][--batch][{P}]",
+       "si diff --batch -r \"1.4\" \"{P}\" 2>&1", "[memberinfo][--batch][{P}]",
        "[diff][--batch][-r][1.4][{P}]"},
       {kScmAccurev, "dev/3", "dev/2", true, "accurev stat \"{P}\" 2>&1",
-       "accurev diff -v dev/2 \"{P}\" 2>&1", "stat", "[stat][{P}]", "[diff][-v][dev/2][{P}]"},
+       "accurev diff -v dev/2 \"{P}\" 2>&1", "[stat][{P}]", "[diff][-v][dev/2][{P}]"},
       {kScmMstf, "9", "7", false, "tf.exe properties \"{P}\"  /noprompt 2>&1",
-       "tf.exe diff \"{P};9\" \"{P};7\" /format:unix 2>&1", "properties",
-       "[properties][{P}][/noprompt]", "[diff][{P};9][{P};7][/format:unix]"},
+       "tf.exe diff \"{P};9\" \"{P};7\" /format:unix 2>&1", "[properties][{P}][/noprompt]",
+       "[diff][{P};9][{P};7][/format:unix]"},
       // Without an old version: the first output and the separator. CVSREP
       // still forms its first command with the empty old version.
-      {kScmSvn, "14", "", false, "svn info \"{P}\" 2>&1", "", "info", "[info][{P}]", ""},
-      {kScmCvsRep, "2", "", true, "cvs log -r -r2  \"{R}\" 2>&1", "", "log", "[log][-r][-r2][{R}]",
-       ""},
-      {0, "2", "1", false, "", "", "", "", ""},
-      {kScmCvs | kScmSvn, "2", "1", false, "", "", "", "", ""},
+      {kScmSvn, "14", "", false, "svn info \"{P}\" 2>&1", "", "[info][{P}]", ""},
+      {kScmCvsRep, "2", "", true, "cvs log -r -r2  \"{R}\" 2>&1", "", "[log][-r][-r2][{R}]", ""},
+      {0, "2", "1", false, "", "", "", ""},
+      {kScmCvs | kScmSvn, "2", "1", false, "", "", "", ""},
   };
   for (const std::string n : {"a.c", "q\"$(touch PWNED) `touch PWNED`.c"}) {
     for (const auto& c : cases) {
@@ -128,12 +120,12 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
       if (*c.first) {
         printed += "Executing: " + Fill(c.first, n, ws_) + dir + "\n";
         log.push_back(Fill(who + c.args1, n, ws_));
-        report = Kept(tool, c.sub);
+        report = Kept(tool);
       }
       if (*c.second) {
         printed += "Running " + Fill(c.second, n, ws_) + dir + "\n";
         log.push_back(Fill(who + c.args2, n, ws_));
-        report += tool + " diff\n" + tool + " end\n";
+        report += tool + " out\n" + tool + " end\n";
       }
       std::string shown;
       EXPECT_EQ(Detail(c.type, n, c.now, c.old, &shown), report + (*c.first ? kSep : "")) << n;
@@ -144,7 +136,7 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
       // A first command that cannot start writes nothing; a comparison that
       // cannot start leaves the block without its separator.
       wltest::FailingStarts fail(*c.second ? " diff " : "");
-      EXPECT_EQ(Detail(c.type, n, c.now, c.old, &shown), *c.second ? Kept(tool, c.sub) : "");
+      EXPECT_EQ(Detail(c.type, n, c.now, c.old, &shown), *c.second ? Kept(tool) : "");
       EXPECT_EQ(shown,
                 printed + "Could not run: " + Fill(*c.second ? c.second : c.first, n, ws_) + "\n");
     }

@@ -92,18 +92,17 @@ FakeClients::FakeClients(const TempDir& dir)
 }
 
 void FakeClients::Add(const std::string& name) {
-  AddRaw(name, "o='" + out_ + "/" + name + "'\n{ printf '%s|%s|' '" + name +
+  AddRaw(name, "{ printf '%s|%s|' '" + name +
                    "' \"$(pwd -P)\"; for a; do printf '[%s]' \"$a\"; done; echo; } >> '" + log_ +
-                   "'\nif [ -f \"$o.$1.out\" ]; then cat \"$o.$1.out\"; "
-                   "elif [ -f \"$o.out\" ]; then cat \"$o.out\"; fi\n");
+                   "'\ncat '" + out_ + "/" + name + "' 2>/dev/null\nexit 0\n");
 }
 
 void FakeClients::AddRaw(const std::string& name, const std::string& body) {
   WriteScript(bin_, name, body);
 }
 
-void FakeClients::Output(const std::string& name, const std::string& text, const std::string& sub) {
-  WriteFile(out_ + "/" + name + (sub.empty() ? "" : "." + sub) + ".out", text);
+void FakeClients::Output(const std::string& name, const std::string& text) {
+  WriteFile(out_ + "/" + name, text);
 }
 
 std::vector<std::string> FakeClients::Log() const {

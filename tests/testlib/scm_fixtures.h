@@ -27,7 +27,6 @@ class ScmTree {
   ScmTree& operator=(const ScmTree&) = delete;
 
   Bintree* tree() const { return tree_; }
-  Bintree* dirs() const { return dirs_; }
   // A record for root + "/" + rel, as the directory scan makes it.
   FileNode* Add(const std::string& root, const std::string& rel, const std::string& version = "");
   FileNode* Find(const std::string& key) const;
@@ -50,15 +49,15 @@ class ScmTree {
 };
 
 // A bin directory first on PATH. A client made by Add records one log line
-// per run, "<name>|<physical cwd>|[arg1][arg2]...", and prints the file set
-// by Output for its first argument, else the one set for no argument.
+// per run, "<name>|<physical cwd>|[arg1][arg2]...", and prints the text set
+// by Output.
 class FakeClients {
  public:
   explicit FakeClients(const TempDir& dir);
   void Add(const std::string& name);
   // A client with an arbitrary sh body (no recording).
   void AddRaw(const std::string& name, const std::string& body);
-  void Output(const std::string& name, const std::string& text, const std::string& sub = "");
+  void Output(const std::string& name, const std::string& text);
   std::vector<std::string> Log() const;
 
  private:
