@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -221,45 +222,36 @@ bool ParseOptions(const WordList& words) {
     // A valued option always moves past the next word, even when that word
     // began with '-' and so gave no value: it is skipped unread.
     size_t step = 2;
-    switch (letter) {
+    // Option letters are taken in either case.
+    switch (std::tolower(static_cast<unsigned char>(letter))) {
       case '@':
         // The message for this case ("ERROR 49: Response file must be first
         // argument") was never printed by this tool; it stays silent.
         return false;
       case 'b':
-      case 'B':
         WorkDir = value;
         break;
       case 'c':
-      case 'C':
         SetScmType(value);
         break;
-      case 'l':
-      case 'L': {
-        char sub = suffix.empty() ? '\0' : suffix[0];
-        switch (sub) {
+      case 'l': {
+        switch (suffix.empty() ? 0 : std::tolower(static_cast<unsigned char>(suffix[0]))) {
           case 'o':
-          case 'O':
             safe_cpy(&LogOwner, value.c_str());
             break;
           case 'm':
-          case 'M':
             safe_cpy(&MachineLabel, value.c_str());
             break;
           case 'd':
-          case 'D':
             safe_cpy(&JobDateTime, value.c_str());
             break;
           case 'j':
-          case 'J':
             safe_cpy(&TaskName, value.c_str());
             break;
           case 'n':
-          case 'N':
             safe_cpy(&BuildNumber, value.c_str());
             break;
           case 'p':
-          case 'P':
             // -lp takes no value.
             safe_cpy(&PublicBuildJob, "true");
             step = 1;
@@ -270,24 +262,19 @@ bool ParseOptions(const WordList& words) {
         break;
       }
       case 'p':
-      case 'P':
         safe_cpy(&Password, value.c_str());
         break;
       case 's':
-      case 'S':
         ScanSrc = 1;
         step = 1;
         break;
       case 't':
-      case 'T':
         BuildLabel = value;
         break;
       case 'u':
-      case 'U':
         safe_cpy(&User, value.c_str());
         break;
       case 'v':
-      case 'V':
         if (suffix.empty()) {
           PrintVersionBanner();
           PrintVersionOnly = 1;

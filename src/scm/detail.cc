@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "driver/settings.h"
 #include "scm/scmtool.h"
@@ -32,70 +33,64 @@ DetailPlan PlanDetail(uint32_t scmType, const FileNode* newNode, const FileNode*
   SplitPath(path.c_str(), drive, dir_part, base, ext);
   const std::string own_dir = DirectoryOf(path.c_str());
 
+  // Most tools: a first command, and a second one when the old version is
+  // known; `dir` empty runs in the current directory.
+  auto plan_for = [&](const std::string& dir, ClientCommand first, ClientCommand second) {
+    plan.dir = dir;
+    plan.first = std::move(first);
+    if (compare)
+      plan.second = std::move(second);
+  };
   switch (scmType) {
     case kScmCvs:
-      plan.dir = own_dir;
-      plan.first = FormCommand(kCvsDetailLog, {base, ext});
-      if (compare)
-        plan.second = FormCommand(kCvsDetailDiff, {old_version, base, ext});
+      plan_for(own_dir, FormCommand(kCvsDetailLog, {base, ext}),
+               FormCommand(kCvsDetailDiff, {old_version, base, ext}));
       break;
     case kScmCvsRep:
       // Runs in the file's directory but names the file by `name`, the path
       // relative to the build directory: kept as the tool has always done.
-      plan.dir = own_dir;
-      plan.first = FormCommand(kCvsRepDetailLog, {old_version, version, name});
-      if (compare)
-        plan.second = FormCommand(kCvsRepDetailDiff, {old_version, name});
+      plan_for(own_dir, FormCommand(kCvsRepDetailLog, {old_version, version, name}),
+               FormCommand(kCvsRepDetailDiff, {old_version, name}));
       break;
     case kScmClearCase: {
-      plan.first = FormCommand(kClearCaseDetailHist, {name});
-      if (compare) {
-        // The listing stores the whole rest of its line after "@@"; only the
-        // part before the rule text is the version.
-        std::string cut = old_version.substr(0, old_version.find("Rule:"));
-        StripChar(cut, " \r\n\t", 1);
-        plan.second = FormCommand(kClearCaseDetailDiff, {old_name, cut, name});
-      }
+      // The listing stores the whole rest of its line after "@@"; only the
+      // part before the rule text is the version.
+      std::string cut = old_version.substr(0, old_version.find("Rule:"));
+      StripChar(cut, " \r\n\t", 1);
+      plan_for("", FormCommand(kClearCaseDetailHist, {name}),
+               FormCommand(kClearCaseDetailDiff, {old_name, cut, name}));
       break;
     }
     case kScmHarvest:
-      plan.dir = own_dir;
-      plan.first = FormCommand(kHarvestDetail, {ShellWord(name)});
+      plan_for(own_dir, FormCommand(kHarvestDetail, {ShellWord(name)}), {});
       break;
     case kScmSvn:
-      plan.first = FormCommand(kSvnDetailInfo, {path});
-      if (compare)
-        plan.second = FormCommand(kSvnDetailDiff, {old_version, path});
+      plan_for("", FormCommand(kSvnDetailInfo, {path}),
+               FormCommand(kSvnDetailDiff, {old_version, path}));
       break;
     case kScmVss: {
       std::string vss_path = path;
       ReplaceSlash2(vss_path, '\\');
-      plan.first = FormCommand(kVssDetail, {vss_path});
+      plan_for("", FormCommand(kVssDetail, {vss_path}), {});
       break;
     }
     case kScmPerforce:
-      plan.dir = own_dir;
-      plan.first = FormCommand(kP4DetailLog, {path});
-      if (compare)
-        plan.second = FormCommand(kP4DetailDiff, {path, old_version});
+      plan_for(own_dir, FormCommand(kP4DetailLog, {path}),
+               FormCommand(kP4DetailDiff, {path, old_version}));
       break;
     case kScmSi:
       // Announced with the still empty line text before anything runs.
       std::printf("Running: %s\n", "");
-      plan.first = FormCommand(kSiDetailInfo, {path});
-      if (compare)
-        plan.second = FormCommand(kSiDetailDiff, {old_version, path});
+      plan_for("", FormCommand(kSiDetailInfo, {path}),
+               FormCommand(kSiDetailDiff, {old_version, path}));
       break;
     case kScmAccurev:
-      plan.dir = own_dir;
-      plan.first = FormCommand(kAccurevDetailStat, {path});
-      if (compare)
-        plan.second = FormCommand(kAccurevDetailDiff, {old_version, path});
+      plan_for(own_dir, FormCommand(kAccurevDetailStat, {path}),
+               FormCommand(kAccurevDetailDiff, {old_version, path}));
       break;
     case kScmMstf:
-      plan.first = FormCommand(kTfDetailProps, {path});
-      if (compare)
-        plan.second = FormCommand(kTfDetailDiff, {path, version, path, old_version});
+      plan_for("", FormCommand(kTfDetailProps, {path}),
+               FormCommand(kTfDetailDiff, {path, version, path, old_version}));
       break;
     default:
       break;

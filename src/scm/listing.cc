@@ -1,8 +1,7 @@
 #include "scm/listing.h"
 
-#include <cstdlib>
+#include <array>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
 #include "driver/settings.h"
@@ -176,33 +175,12 @@ void ListSi(Bintree* tree, const char* buildDir) {
 
 // Split a "date:" value at "/", ":" and blanks and read year, month, day,
 // hour, minute and second in that order; the rest of the words are ignored.
-// atoi drops the ";" after the seconds.
+// atoi drops the ";" after the seconds. Converted as local time with
+// daylight saving off, although the log prints universal time: earlier
+// inventories hold times made this way.
 int64_t CvsLogTime(const std::string& text) {
-  int fields[6] = {};
-  size_t count = 0;
-  size_t pos = 0;
-  while (count < 6) {
-    pos = text.find_first_not_of("/: ", pos);
-    if (pos == std::string::npos)
-      break;
-    size_t end = text.find_first_of("/: ", pos);
-    std::string word = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-    fields[count++] = std::atoi(word.c_str());
-    if (end == std::string::npos)
-      break;
-    pos = end;
-  }
-  struct tm when {};
-  when.tm_year = fields[0] - 1900;
-  when.tm_mon = fields[1] - 1;
-  when.tm_mday = fields[2];
-  when.tm_hour = fields[3];
-  when.tm_min = fields[4];
-  when.tm_sec = fields[5];
-  // Converted as local time with daylight saving off, although the log
-  // prints universal time: earlier inventories hold times made this way.
-  when.tm_isdst = 0;
-  return static_cast<int64_t>(std::mktime(&when));
+  std::array<int, 6> f = SixNumbers(text, "/: ");
+  return LocalTime(f[0], f[1], f[2], f[3], f[4], f[5]);
 }
 
 }  // namespace
@@ -222,27 +200,14 @@ void ListSiSandbox(Bintree* tree, const char* buildDir, const std::string& sandb
 }
 
 void FindVersionInfo(Bintree* tree, const char* buildDir, uint32_t scmType) {
-  switch (scmType) {
-    case kScmCvs:
-      ListCvs(tree, buildDir);
-      break;
-    case kScmClearCase:
-      ListClearCase(tree, buildDir);
-      break;
-    case kScmSvn:
-      ListSvn(tree, buildDir);
-      break;
-    case kScmSi:
-      ListSi(tree, buildDir);
-      break;
-    case kScmAccurev:
-      ListAccurev(tree, buildDir);
-      break;
-    case kScmMstf:
-      ListTf(tree, buildDir);
-      break;
-    default:
-      break;
+  static constexpr struct {
+    uint32_t type;
+    void (*list)(Bintree*, const char*);
+  } kListings[] = {{kScmCvs, ListCvs}, {kScmClearCase, ListClearCase}, {kScmSvn, ListSvn},
+                   {kScmSi, ListSi},   {kScmAccurev, ListAccurev},     {kScmMstf, ListTf}};
+  for (const auto& listing : kListings) {
+    if (listing.type == scmType)
+      listing.list(tree, buildDir);
   }
 }
 

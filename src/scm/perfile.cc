@@ -1,7 +1,7 @@
 #include "scm/perfile.h"
 
+#include <array>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 
 #include "driver/settings.h"
@@ -21,6 +21,21 @@ bool DirectoryAsked(const std::string& dir) {
 void RememberDirectory(const std::string& dir) {
   if (DirTree != nullptr)
     (void)LoadKey(DirTree, dir.c_str());  // -1 only for a duplicate
+}
+
+// Runs a per-directory query in the current directory (the caller has
+// changed into `dir`). A directory is remembered only once its query has
+// started: after a start failure the next file of the directory asks again.
+UniquePipe StartDirectoryQuery(const char* tmpl, const std::string& dir) {
+  ClientCommand cmd = FormCommand(tmpl, {});
+  PrintExecutingInDir(cmd.shown, dir);
+  UniquePipe pipe(OpenClient(cmd));
+  if (!pipe) {
+    PrintCouldNotRunBare(cmd.shown);
+    return pipe;
+  }
+  RememberDirectory(dir);
+  return pipe;
 }
 
 // The text before the first occurrence of `stop`, or all of it.
@@ -65,15 +80,9 @@ int QueryPerforce(FileNode* node, const std::string& dir) {
   if (DirectoryAsked(dir))
     return 0;
   ScopedChdir in_dir(dir);
-  ClientCommand cmd = FormCommand(kP4QueryCmd, {});
-  PrintExecutingInDir(cmd.shown, dir);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) {
-    // Not remembered: the next file of this directory asks again.
-    PrintCouldNotRunBare(cmd.shown);
+  UniquePipe pipe = StartDirectoryQuery(kP4QueryCmd, dir);
+  if (!pipe)
     return 0;
-  }
-  RememberDirectory(dir);
   ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line, key;
   bool in_file = false;
@@ -104,43 +113,17 @@ int QueryPerforce(FileNode* node, const std::string& dir) {
 // "MM-DD-YYYY;hh:mm:ss" split at any of "-;:" as local time, daylight saving
 // off; words after the sixth are ignored.
 int64_t HarvestTime(const std::string& text) {
-  int fields[6] = {};
-  size_t count = 0;
-  size_t pos = 0;
-  while (count < 6) {
-    pos = text.find_first_not_of("-;:", pos);
-    if (pos == std::string::npos)
-      break;
-    size_t end = text.find_first_of("-;:", pos);
-    fields[count++] =
-        std::atoi(text.substr(pos, end == std::string::npos ? end : end - pos).c_str());
-    if (end == std::string::npos)
-      break;
-    pos = end;
-  }
-  struct tm when {};
-  when.tm_mon = fields[0] - 1;
-  when.tm_mday = fields[1];
-  when.tm_year = fields[2] - 1900;
-  when.tm_hour = fields[3];
-  when.tm_min = fields[4];
-  when.tm_sec = fields[5];
-  when.tm_isdst = 0;
-  return static_cast<int64_t>(std::mktime(&when));
+  std::array<int, 6> f = SixNumbers(text, "-;:");
+  return LocalTime(f[2], f[0], f[1], f[3], f[4], f[5]);
 }
 
 int QueryHarvest(std::string dir) {
   if (DirectoryAsked(dir))
     return 0;
   ScopedChdir in_dir(dir);
-  ClientCommand cmd = FormCommand(kHarvestQueryCmd, {});
-  PrintExecutingInDir(cmd.shown, dir);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) {
-    PrintCouldNotRunBare(cmd.shown);
+  UniquePipe pipe = StartDirectoryQuery(kHarvestQueryCmd, dir);
+  if (!pipe)
     return 1;
-  }
-  RememberDirectory(dir);
   ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line;
   while (lines.Next(line)) {

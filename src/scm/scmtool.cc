@@ -4,7 +4,9 @@
 #include <fnmatch.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "driver/settings.h"
 #include "support/handles.h"
@@ -74,13 +76,6 @@ ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_vi
     cmd.shown += *p;
   }
   return cmd;
-}
-
-int CountPlaceholders(const char* tmpl) {
-  int n = 0;
-  for (const char* p = std::strstr(tmpl, "%s"); p; p = std::strstr(p + 2, "%s"))
-    ++n;
-  return n;
 }
 
 int AddUserPassword(std::string& command, std::string& shown, const char* userOption,
@@ -206,6 +201,36 @@ std::string DirectoryOf(const char* path) {
   std::string out = drive.empty() ? dir : drive + dir;
   ReplaceSlash(out);
   return out;
+}
+
+std::array<int, 6> SixNumbers(const std::string& text, const char* separators) {
+  std::array<int, 6> fields{};
+  size_t count = 0;
+  size_t pos = 0;
+  while (count < fields.size()) {
+    pos = text.find_first_not_of(separators, pos);
+    if (pos == std::string::npos)
+      break;
+    size_t end = text.find_first_of(separators, pos);
+    fields[count++] =
+        std::atoi(text.substr(pos, end == std::string::npos ? end : end - pos).c_str());
+    if (end == std::string::npos)
+      break;
+    pos = end;
+  }
+  return fields;
+}
+
+int64_t LocalTime(int year, int month, int day, int hour, int minute, int second) {
+  struct tm when {};
+  when.tm_year = year - 1900;
+  when.tm_mon = month - 1;
+  when.tm_mday = day;
+  when.tm_hour = hour;
+  when.tm_min = minute;
+  when.tm_sec = second;
+  when.tm_isdst = 0;
+  return static_cast<int64_t>(std::mktime(&when));
 }
 
 void PrintExecuting(const std::string& shown) { std::printf("Executing: %s\n", shown.c_str()); }

@@ -18,6 +18,7 @@
 // client receives exactly the name; for ordinary names the text is unchanged.
 // Progress lines show the values as they are.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -120,8 +121,6 @@ std::string ShellWord(std::string_view value);
 // outside quotes are placed as they are (callers pass ShellWord for names
 // there). Missing values fill as empty text; extra values are ignored.
 ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_view> values);
-// Number of "%s" in tmpl.
-int CountPlaceholders(const char* tmpl);
 
 // Append the SCM credentials (globals User and Password) as options:
 // ` <userOption> "<user>"` and, when a non-empty password is set,
@@ -189,6 +188,11 @@ FileNode* FindFile(Bintree* tree, const std::string& key);
 // The directory of path as the queries use it: drive and directory parts of
 // SplitPath (ending in "/"), separators converted with ReplaceSlash.
 std::string DirectoryOf(const char* path);
+// The first six numbers of `text` split at any of `separators` (atoi of each
+// word; missing ones are 0).
+std::array<int, 6> SixNumbers(const std::string& text, const char* separators);
+// Seconds since the epoch of a local wall-clock time, daylight saving off.
+int64_t LocalTime(int year, int month, int day, int hour, int minute, int second);
 // A record text, "" for null.
 inline const char* Text(const char* s) { return s ? s : ""; }
 

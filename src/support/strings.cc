@@ -247,17 +247,10 @@ char* StrLwr(char* text) {
   return text;
 }
 
+// Without a limit: the loop always stops at the first difference or the end
+// of both strings, long before SIZE_MAX positions.
 int32_t CompareTo(const char* a, const char* b, int flag) {
-  for (size_t i = 0;; ++i) {
-    const int ca = MapFold(a[i], flag);
-    const int cb = MapFold(b[i], flag);
-    if (ca != cb) {
-      return ca - cb;
-    }
-    if (a[i] == '\0') {
-      return 0;
-    }
-  }
+  return CompareToN(a, b, SIZE_MAX, flag);
 }
 
 int IsEqual(const char* a, const char* b, int flag) { return CompareTo(a, b, flag) == 0 ? 1 : 0; }

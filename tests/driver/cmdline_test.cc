@@ -1,535 +1,173 @@
 #include "driver/cmdline.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "driver/settings.h"
-#include "driver_fixtures.h"
-#include "testlib/testlib.h"
+#include "testlib/driver_fixtures.h"
 
 namespace {
 
-using drivertest::Argv;
-using drivertest::Str;
+using namespace drivertest;
 
-const char kBanner[] =
-    "\nWeftlane(R) V7.5.1 Build 10142020, Copyright (c) Weftlane Software. All rights "
-    "reserved.\n\n";
+const std::string kLd = "-ld \"2020-10-14 10_20_30\"", kJ = "-lj \"j\" " + kLd;
+const std::string kBadDate =
+    "ERROR 58: -ld parameter is required to be in YYYY-MM-DD HH_MM_SS format.\n";
+const std::string kNoJob = "ERROR 55: -lj parameter and argument are required.\n";
 
-const char kUsage[] =
-    "Usage: wlinspector <options>\n"
-    "          -b  = Build Directory\n"
-    "          -c  <SCM Tool> = SCM Reporting Type\n"
-    "            Current tools are:\n"
-    "            ACCUREV, CLEARCASE, CVS, CVSREP, HARVEST, PERFORCE, SVN,\n"
-    "            VSS, MSTF, TEAMPRISE\n"
-    "          -ld <YYYY-MM-DD HH_MM_SS> = Log: Build Date/Time\n"
-    "          -lj <Job Name>  = Log: Job Name\n"
-    "          -lm <Machine>   = Log: Build Machine Name\n"
-    "          -lo <Owner>     = Log: Owner Name\n"
-    "          -lp             = Log: Public Build\n"
-    "          -t <Label/Tag Name> = Build Label\n"
-    "          -u <User>       = SCM Tool Username\n"
-    "          -p <Password>   = SCM Tool Password\n"
-    "          -v  = Version\n"
-    "          -?  = This message\n"
-    "          -h  = This message\n"
-    "\n";
+using ParseParmsTest = DriverTest;
 
-const char kDate[] = "2020-10-14 10_20_30";
+// Runs ParseParms over the words from fresh settings; stdout in *out.
+int Parse(const std::vector<std::string>& words, std::string* out, const char* login = "builder") {
+  ResetSettings();
+  UserId = login;
+  Argv args(words);
+  wltest::CaptureStdout cap;
+  int r = ParseParms(args.argc(), args.argv());
+  *out = cap.Take();
+  return r;
+}
 
-class ParseParmsTest : public drivertest::DriverTest {
- protected:
-  void SetUp() override {
-    DriverTest::SetUp();
-    UserId = "builder";
-  }
-  // Runs ParseParms over the words; returns its result, stdout in *out.
-  int Parse(const std::vector<std::string>& words, std::string* out) {
-    Argv args(words);
-    wltest::CaptureStdout cap;
-    int r = ParseParms(args.argc(), args.argv());
-    *out = cap.Take();
-    return r;
-  }
-};
-
-struct Case {
-  const char* name;
-  std::vector<std::string> words;
-  int result;
-  std::string out;
-  std::function<void()> check;  // further expectations on the settings
-};
+// The words followed by the job name and a good date, and their echo.
+std::vector<std::string> J(std::vector<std::string> words) {
+  words.insert(words.end(), {"-lj", "j", "-ld", kDate});
+  return words;
+}
+std::string E(const std::string& echo) { return Echoed(echo + kJ); }
+// The job name and the given date, and their echo.
+std::vector<std::string> JW(const std::string& date) { return {"-lj", "j", "-ld", date}; }
+std::string JE(const std::string& date) { return Echoed("-lj \"j\" -ld \"" + date + "\""); }
 
 TEST_F(ParseParmsTest, Table) {
-  const std::vector<Case> cases = {
-      {"no words", {}, 0, kUsage, [] { EXPECT_EQ(TaskName, nullptr); }},
-      {"-?", {"-?"}, 0, kUsage, nullptr},
-      {"/?", {"/?"}, 0, kUsage, nullptr},
-      {"-h", {"-h"}, 0, kUsage, nullptr},
-      {"/H", {"/H"}, 0, kUsage, nullptr},
-      {"lone -v",
-       {"-v"},
-       1,
-       kBanner,
-       [] {
-         EXPECT_EQ(PrintVersionOnly, 1);
-         EXPECT_EQ(TaskName, nullptr);  // no defaults
-         EXPECT_EQ(PublicBuildJob, nullptr);
+  const std::string y1999 = "1999-10-14 10_20_30", digits = "2abc-de-fg hi_jk_lm";
+  const std::string mdy = "10.14.2020 10:20:30", long_date = "2020-10-14 10_20_301";
+  const std::string m = "\"***********\"";
+  // clang-format off
+  // words, result, output, further expectations on the settings
+  const std::tuple<std::vector<std::string>, int, std::string, std::function<void()>> cases[] = {
+      {{"-V"}, 1, kBanner,
+       [] { EXPECT_EQ(Str(TaskName) + std::to_string(PrintVersionOnly), "<null>1"); }},
+      {JW(mdy), 1, JE(mdy), [] {
+         EXPECT_EQ(Str(JobDateTime) + Str(MachineLabel) + Str(LogOwner),
+                   std::string(kDate) + "My Computerbuilder");
+         EXPECT_EQ(Str(SCMTypeStr) + Str(PublicBuildJob) + Str(BuildNumber) + WorkDir,
+                   "NONEfalse.");
        }},
-      {"lone -V", {"-V"}, 1, kBanner, [] { EXPECT_EQ(PrintVersionOnly, 1); }},
-      {"minimal complete",
-       {"-lj", "job", "-ld", "2020-10-14 10:20:30"},
-       1,
-       "Command Line Options: -lj \"job\" -ld \"2020-10-14 10:20:30\" \n",
-       [] {
-         EXPECT_EQ(Str(TaskName), "job");
-         EXPECT_EQ(Str(JobDateTime), kDate);
-         EXPECT_EQ(Str(MachineLabel), "My Computer");
-         EXPECT_EQ(Str(LogOwner), "builder");
-         EXPECT_EQ(Str(SCMTypeStr), "NONE");
-         EXPECT_EQ(Str(PublicBuildJob), "false");
-         EXPECT_EQ(Str(BuildNumber), "");
-         EXPECT_EQ(User, nullptr);
-         EXPECT_EQ(Password, nullptr);
-         EXPECT_EQ(WorkDir, ".");
-         EXPECT_EQ(BuildLabel, "");
-         EXPECT_EQ(SCMType, 0u);
-         EXPECT_EQ(ScanSrc, 0);
-         EXPECT_EQ(PrintVersionOnly, 0);
+      {JW(y1999), 0, JE(y1999) + kBadDate, nullptr},
+      {JW(long_date), 0, JE(long_date) + kBadDate, nullptr},
+      {JW(digits), 1, JE(digits), nullptr},  // only separators and the leading '2' are tested
+      // -b takes "" and skips -c; an unknown keyword keeps the earlier type.
+      {J({"-b", "-c", "CVS"}), 1, E("-b -c \"CVS\" "),
+       [] { EXPECT_EQ(WorkDir + Str(SCMTypeStr), "NONE"); }},
+      {J({"-c", "Svn", "-c", "bogus"}), 1, E("-c \"Svn\" -c \"bogus\" "),
+       [] { EXPECT_EQ(Str(SCMTypeStr) + std::to_string(SCMType), "bogus16"); }},
+      {{"-LJ", "j", "-LD", kDate, "-LM", "b", "-LO", "o", "-LN", "4", "-LP", "-B", "/", "-T", "R"},
+       1, Echoed("-LJ \"j\" -LD \"" + std::string(kDate) +
+                 "\" -LM \"b\" -LO \"o\" -LN \"4\" -LP -B \"/\" -T \"R\""), [] {
+         EXPECT_EQ(Str(TaskName) + Str(MachineLabel) + Str(LogOwner) + Str(BuildNumber) +
+                   Str(PublicBuildJob) + WorkDir + BuildLabel, "jbo4true/R");
        }},
-      {"month.day.year date",
-       {"-lj", "j", "-ld", "10.14.2020 10:20:30"},
-       1,
-       "Command Line Options: -lj \"j\" -ld \"10.14.2020 10:20:30\" \n",
-       [] { EXPECT_EQ(Str(JobDateTime), kDate); }},
-      {"year not starting with 2",
-       {"-lj", "j", "-ld", "1999-10-14 10_20_30"},
-       0,
-       "Command Line Options: -lj \"j\" -ld \"1999-10-14 10_20_30\" \n"
-       "ERROR 58: -ld parameter is required to be in YYYY-MM-DD HH_MM_SS format.\n",
-       nullptr},
-      {"digits never tested",
-       {"-lj", "j", "-ld", "2abc-de-fg hi_jk_lm"},
-       1,
-       "Command Line Options: -lj \"j\" -ld \"2abc-de-fg hi_jk_lm\" \n",
-       [] { EXPECT_EQ(Str(JobDateTime), "2abc-de-fg hi_jk_lm"); }},
-      {"date one character short",
-       {"-lj", "j", "-ld", "2020-10-14 10_20_3"},
-       0,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_3\" \n"
-       "ERROR 58: -ld parameter is required to be in YYYY-MM-DD HH_MM_SS format.\n",
-       nullptr},
-      {"date one character long",
-       {"-lj", "j", "-ld", "2020-10-14 10_20_301"},
-       0,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_301\" \n"
-       "ERROR 58: -ld parameter is required to be in YYYY-MM-DD HH_MM_SS format.\n",
-       nullptr},
-      {"-b takes the empty value and skips -c",
-       {"-b", "-c", "CVS", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -b -c \"CVS\" -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       [] {
-         EXPECT_EQ(WorkDir, "");
-         EXPECT_EQ(SCMType, 0u);
-         EXPECT_EQ(Str(SCMTypeStr), "NONE");
-       }},
-      {"-c keyword kept as typed",
-       {"-c", "cvs", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -c \"cvs\" -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       [] {
-         EXPECT_EQ(SCMType, 1u);
-         EXPECT_EQ(Str(SCMTypeStr), "cvs");
-       }},
-      {"unknown keyword keeps the earlier type",
-       {"-c", "Svn", "-c", "bogus", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -c \"Svn\" -c \"bogus\" -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       [] {
-         EXPECT_EQ(SCMType, 16u);
-         EXPECT_EQ(Str(SCMTypeStr), "bogus");
-       }},
-      {"-c with an empty value",
-       {"-lj", "j", "-ld", kDate, "-c"},
-       1,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_30\" -c \n",
-       [] {
-         EXPECT_EQ(SCMType, 0u);
-         EXPECT_EQ(Str(SCMTypeStr), "");
-       }},
-      {"-lp takes no value",
-       {"-lp", "-lj", "job", "-ld", kDate},
-       1,
-       "Command Line Options: -lp -lj \"job\" -ld \"2020-10-14 10_20_30\" \n",
-       [] {
-         EXPECT_EQ(Str(PublicBuildJob), "true");
-         EXPECT_EQ(Str(TaskName), "job");
-       }},
-      {"upper-case options",
-       {"-LJ", "job", "-LD", kDate, "-LM", "box", "-LO", "me", "-LN", "42", "-LP", "-B", "/w", "-T",
-        "REL"},
-       1,
-       "Command Line Options: -LJ \"job\" -LD \"2020-10-14 10_20_30\" -LM \"box\" -LO \"me\" "
-       "-LN \"42\" -LP -B \"/w\" -T \"REL\" \n",
-       [] {
-         EXPECT_EQ(Str(TaskName), "job");
-         EXPECT_EQ(Str(MachineLabel), "box");
-         EXPECT_EQ(Str(LogOwner), "me");
-         EXPECT_EQ(Str(BuildNumber), "42");
-         EXPECT_EQ(Str(PublicBuildJob), "true");
-         EXPECT_EQ(WorkDir, "/w");
-         EXPECT_EQ(BuildLabel, "REL");
-       }},
-      {"credentials masked",
-       {"-lj", "j", "-ld", kDate, "-u", "bob", "-p", "pw1", "-t", "REL1"},
-       1,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_30\" -u \"***********\" -p "
-       "\"***********\" -t \"***********\" \n",
-       [] {
-         EXPECT_EQ(Str(User), "bob");
-         EXPECT_EQ(Str(Password), "pw1");
-         EXPECT_EQ(BuildLabel, "REL1");
-       }},
-      {"any word with u or p second starts the masking",
-       {"-lj", "apple", "-ld", kDate},
-       1,
-       "Command Line Options: -lj \"apple\" -ld \"***********\" \n",
-       [] { EXPECT_EQ(Str(TaskName), "apple"); }},
-      {"-v among other options",
-       {"-v", "-lj", "j", "-ld", kDate},
-       1,
-       std::string("Command Line Options: -v -lj \"j\" -ld \"2020-10-14 10_20_30\" \n") + kBanner,
-       [] { EXPECT_EQ(PrintVersionOnly, 1); }},
-      {"-v with a suffix takes a value",
-       {"-vx", "-lj", "j", "-ld", kDate},
-       0,
-       "Command Line Options: -vx -lj \"j\" -ld \"2020-10-14 10_20_30\" \n"
-       "ERROR 55: -lj parameter and argument are required.\n",
-       [] { EXPECT_EQ(PrintVersionOnly, 0); }},
-      {"-s advances by one",
-       {"-s", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -s -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       [] { EXPECT_EQ(ScanSrc, 1); }},
-      {"-bdir takes the next word",
-       {"-bignored", "/w", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -bignored \"/w\" -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       [] { EXPECT_EQ(WorkDir, "/w"); }},
-      {"valued option skips a following option",
-       {"-t", "-lj", "job", "-ld", kDate},
-       0,
-       "Command Line Options: -t -lj \"job\" -ld \"2020-10-14 10_20_30\" \n"
-       "ERROR 55: -lj parameter and argument are required.\n",
-       [] { EXPECT_EQ(BuildLabel, ""); }},
-      {"-l with another suffix sets nothing",
-       {"-lx", "val", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -lx \"val\" -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       nullptr},
-      {"unknown option and bare words advance by one",
-       {"-q", "word", "-", "-lj", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -q \"word\" - -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       nullptr},
-      {"option letter @ stops silently",
-       {"-lj", "j", "-@x", "-ld", kDate},
-       0,
-       "Command Line Options: -lj \"j\" -@x -ld \"2020-10-14 10_20_30\" \n",
+      // Every value after a word with 'u' or 'p' second is masked.
+      {J({"-u", "bob", "-p", "pw1", "-t", "REL1"}), 1,
+       Echoed("-u " + m + " -p " + m + " -t " + m + " -lj " + m + " -ld " + m),
+       [] { EXPECT_EQ(Str(User) + Str(Password) + BuildLabel, "bobpw1REL1"); }},
+      {{"-lj", "apple", "-ld", kDate}, 1, Echoed("-lj \"apple\" -ld " + m), nullptr},
+      {{"-v", "-lj", "j", "-ld", kDate}, 1, Echoed("-v " + kJ) + kBanner, nullptr},
+      {J({"-vx"}), 0, E("-vx ") + kNoJob, [] { EXPECT_EQ(PrintVersionOnly, 0); }},
+      {J({"-s", "-bignored", "/w"}), 1, E("-s -bignored \"/w\" "),
+       [] { EXPECT_EQ(std::to_string(ScanSrc) + WorkDir, "1/w"); }},
+      {J({"-t"}), 0, E("-t ") + kNoJob, nullptr},  // a valued option skips even an option
+      {J({"-lx", "val", "-q", "word", "-"}), 1, E("-lx \"val\" -q \"word\" - "), nullptr},
+      // Option letter @ stops the parse silently; @ arguments are dropped, quotes stripped.
+      {{"-lj", "j", "-@x", "-ld", kDate}, 0, Echoed("-lj \"j\" -@x " + kLd),
        [] { EXPECT_EQ(JobDateTime, nullptr); }},
-      {"@ arguments are dropped",
-       {"-lj", "@ignored", "j", "-ld", kDate},
-       1,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_30\" \n",
-       [] { EXPECT_EQ(Str(TaskName), "j"); }},
-      {"quotes stripped at both ends",
-       {"-lj", "\"job\"", "-ld", kDate},
-       1,
-       "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" \n",
-       [] { EXPECT_EQ(Str(TaskName), "job"); }},
-      {"ERROR 53",
-       {"-b", "\\\\server\\share", "-lj", "j", "-ld", kDate},
-       0,
-       "Command Line Options: -b \"\\\\server\\share\" -lj \"j\" -ld \"2020-10-14 10_20_30\" \n"
-       "ERROR 53: UNC Working directories ('\\\\server\\share') are not supported.\n",
-       nullptr},
-      {"ERROR 55",
-       {"-ld", kDate},
-       0,
-       "Command Line Options: -ld \"2020-10-14 10_20_30\" \n"
-       "ERROR 55: -lj parameter and argument are required.\n",
-       nullptr},
-      {"ERROR 55 for a lone word",
-       {"hello"},
-       0,
-       "Command Line Options: \"hello\" \nERROR 55: -lj parameter and argument are required.\n",
-       nullptr},
-      {"ERROR 56 for an empty -lo",
-       {"-lj", "j", "-ld", kDate, "-lo"},
-       0,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_30\" -lo \n"
-       "ERROR 56: -lo parameter and argument are required.\n",
-       nullptr},
-      {"ERROR 57",
-       {"-lj", "j", "-ld", kDate, "-lm"},
-       0,
-       "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_30\" -lm \n"
-       "ERROR 57: -lm parameter and argument are required.\n",
-       nullptr},
-      {"ERROR 58 no date",
-       {"-lj", "j"},
-       0,
-       "Command Line Options: -lj \"j\" \nERROR 58: -ld parameter and argument are required.\n",
-       nullptr},
+      {{"-lj", "@x", "\"j\"", "-ld", kDate}, 1, E(""), [] { EXPECT_EQ(Str(TaskName), "j"); }},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ResetSettings();
-    UserId = "builder";
+  // clang-format on
+  for (const auto& [words, result, want, check] : cases) {
     std::string out;
-    EXPECT_EQ(Parse(c.words, &out), c.result);
-    EXPECT_EQ(out, c.out);
-    if (c.check)
-      c.check();
+    EXPECT_EQ(Parse(words, &out), result) << want;
+    EXPECT_EQ(out, want);
+    if (check)
+      check();
   }
 }
 
-TEST_F(ParseParmsTest, KeywordTable) {
+TEST_F(ParseParmsTest, KeywordsAndOwnerDefault) {
   const std::vector<std::pair<std::string, uint32_t>> cases = {
       {"CVS", 1},    {"cvsrep", 2},      {"ClearCase", 4}, {"harvest", 8},
       {"svn", 16},   {"VSS", 32},        {"perforce", 64}, {"si", 128},
       {"MSTF", 512}, {"teamprise", 512}, {"AccuRev", 256}, {"CVSX", 0},
   };
+  std::string out;
   for (const auto& [keyword, type] : cases) {
-    SCOPED_TRACE(keyword);
-    ResetSettings();
-    UserId = "builder";
-    std::string out;
-    EXPECT_EQ(Parse({"-c", keyword, "-lj", "j", "-ld", kDate}, &out), 1);
-    EXPECT_EQ(SCMType, type);
-    EXPECT_EQ(Str(SCMTypeStr), keyword);
+    EXPECT_EQ(Parse(J({"-c", keyword}), &out), 1);
+    EXPECT_EQ(Str(SCMTypeStr) + "=" + std::to_string(SCMType),
+              keyword + "=" + std::to_string(type));
   }
+  // Without a login name there is no default owner.
+  EXPECT_EQ(Parse({"-lj", "j", "-ld", kDate}, &out, ""), 0);
+  EXPECT_EQ(out, Echoed(kJ) + "ERROR 56: -lo parameter and argument are required.\n");
 }
 
-TEST_F(ParseParmsTest, NoLoginNameMeansNoOwner) {
-  UserId.clear();
-  std::string out;
-  EXPECT_EQ(Parse({"-lj", "j", "-ld", kDate}, &out), 0);
-  EXPECT_EQ(out,
-            "Command Line Options: -lj \"j\" -ld \"2020-10-14 10_20_30\" \n"
-            "ERROR 56: -lo parameter and argument are required.\n");
-}
-
-TEST_F(ParseParmsTest, SettingsMadeBeforeARefusalStay) {
-  std::string out;
-  EXPECT_EQ(Parse({"-lm", "box", "-u", "bob"}, &out), 0);
-  EXPECT_EQ(Str(MachineLabel), "box");
-  EXPECT_EQ(Str(User), "bob");
-}
-
-TEST(GetOEMVersion, CopiesTheProductName) {
-  char buffer[12];
-  std::memset(buffer, 'x', sizeof buffer);
-  EXPECT_EQ(GetOEMVersion(buffer), buffer);
-  EXPECT_EQ(std::memcmp(buffer, "Weftlane(R)", 12), 0);
-}
-
-// --- Response files ---
-
-class ResponseFileTest : public ParseParmsTest {
- protected:
-  std::string Write(const std::string& content) {
-    std::string path = dir_ / "resp.txt";
-    wltest::WriteFile(path, content);
-    return path;
-  }
-  wltest::TempDir dir_;
-};
-
-TEST_F(ResponseFileTest, QuotedGroupsAreOneWord) {
-  std::string path = Write("-lj \"my job\" -ld \"2020-10-14 10_20_30\"\n");
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 1);
-  EXPECT_EQ(out, "Command Line Options: -lj \"my job\" -ld \"2020-10-14 10_20_30\" \n");
-  EXPECT_EQ(Str(TaskName), "my job");
-  EXPECT_EQ(Str(JobDateTime), kDate);
-}
-
-TEST_F(ResponseFileTest, GroupForms) {
-  struct GroupCase {
-    const char* line;
-    const char* job;
-  };
-  const GroupCase cases[] = {
-      {"-lj \"my   spaced  job\" -ld 2020-10-14_10_20_30", "my spaced job"},  // blanks folded
-      {"-lj \"unclosed group to the end", "unclosed group to the end"},
-      {"-lj \" lone quote\" -ld x", "lone quote"},
-      {"-lj \"one\" -ld x", "one"},
-      {"-lj \"a b\"c d\" -ld x", "a b\"c"},  // the first later word with a quote closes
-      {"-lj x\"y\" -ld z", "x\"y"},          // only the ends are stripped
-      {"\r\n-lj \tjob\r\n", "\tjob"},        // a tab is not a separator
-  };
-  for (const GroupCase& c : cases) {
-    SCOPED_TRACE(c.line);
-    ResetSettings();
-    UserId = "builder";
-    std::string path = Write(std::string(c.line) + "\n");
-    std::string out;
-    Parse({"@" + path}, &out);
-    EXPECT_EQ(Str(TaskName), c.job);
-  }
-}
-
-TEST_F(ResponseFileTest, FileWordsComeBeforeArguments) {
-  std::string path = Write("-lj job\n\n-ld\n");
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path, "2020-10-14 10_20_30", "-lm", "\"box\""}, &out), 1);
-  EXPECT_EQ(out, "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" -lm \"box\" \n");
-  EXPECT_EQ(Str(MachineLabel), "box");
-}
-
-TEST_F(ResponseFileTest, OnlyTheFirstArgumentNamesAResponseFile) {
-  std::string path = Write("-lj fromfile\n");
-  std::string out;
-  EXPECT_EQ(Parse({"-lj", "j", "@" + path, "-ld", kDate}, &out), 1);
-  EXPECT_EQ(Str(TaskName), "j");
-}
-
-TEST_F(ResponseFileTest, CannotOpen) {
-  std::string missing = dir_ / "missing.txt";
-  std::string out;
-  EXPECT_EQ(Parse({"@" + missing}, &out), 0);
-  EXPECT_EQ(out, "Could not open response file " + missing + "\n");
-  EXPECT_EQ(Parse({"@"}, &out), 0);
-  EXPECT_EQ(out, "Could not open response file \n");
-}
-
-TEST_F(ResponseFileTest, DirectoryIsRefusedAsUnopenable) {
-  std::string out;
-  EXPECT_EQ(Parse({"@" + dir_.path()}, &out), 0);
-  EXPECT_EQ(out, "Could not open response file " + dir_.path() + "\n");
-}
-
-TEST_F(ResponseFileTest, UnreadableFile) {
-  if (geteuid() == 0)
-    GTEST_SKIP() << "running as root: permissions do not stop reading";
-  std::string path = Write("-lj j\n");
-  chmod(path.c_str(), 0);
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 0);
-  EXPECT_EQ(out, "Could not open response file " + path + "\n");
-}
-
-TEST_F(ResponseFileTest, EmptyFileGivesUsage) {
-  std::string path = Write("");
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 0);
-  EXPECT_EQ(out, kUsage);
-}
-
-TEST_F(ResponseFileTest, SingleWordFileIsASpecialCommandLine) {
-  std::string path = Write("-V\n");
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 1);
-  EXPECT_EQ(out, kBanner);
-}
-
-TEST_F(ResponseFileTest, LongLinesArriveInPieces) {
-  // 4 + 995 characters fill the first piece of 999; the rest of the line is
-  // a piece (a word) of its own.
-  std::string job(1500, 'a');
-  std::string path = Write("-lj " + job + "\n-ld \"" + kDate + "\"\n");
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 1);
-  EXPECT_EQ(Str(TaskName), std::string(995, 'a'));
-  EXPECT_EQ(out, "Command Line Options: -lj \"" + std::string(995, 'a') + "\" \"" +
-                     std::string(505, 'a') + "\" -ld \"2020-10-14 10_20_30\" \n");
-}
-
-TEST_F(ResponseFileTest, PieceBoundaryAtExactly999Characters) {
-  // A line of exactly 999 characters is one piece; its line feed is a piece
-  // with no words.
-  std::string line = "-lj " + std::string(995, 'b');
-  ASSERT_EQ(line.size(), kResponseLineChars);
-  std::string path = Write(line + "\n-ld \"" + kDate + "\"\n");
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 1);
-  EXPECT_EQ(Str(TaskName), std::string(995, 'b'));
-  EXPECT_EQ(Str(JobDateTime), kDate);
-}
-
-TEST_F(ResponseFileTest, NulByteEndsTheTextOfItsLine) {
-  std::string content = std::string("-lj job\0 -lm hidden\n", 20) + "-ld \"" + kDate + "\"\n";
-  std::string path = Write(content);
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 1);
-  EXPECT_EQ(out, "Command Line Options: -lj \"job\" -ld \"2020-10-14 10_20_30\" \n");
-  EXPECT_EQ(Str(MachineLabel), "My Computer");
-}
-
-TEST_F(ResponseFileTest, BinaryBytesDoNotBreakTheParse) {
-  std::string content;
-  uint32_t x = 12345;
-  for (int i = 0; i < 20000; ++i) {
-    x = x * 1103515245u + 12345u;
-    content += static_cast<char>((x >> 16) & 0xff);
-  }
-  std::string path = Write(content);
-  std::string out;
-  int r = Parse({"@" + path}, &out);
-  EXPECT_TRUE(r == 0 || r == 1);
-  EXPECT_FALSE(out.empty());
-}
-
-TEST_F(ResponseFileTest, WordLimit) {
-  // 198 words from the file + 1 argument = 199 words: accepted.
-  std::string content = "-lj j\n-ld \"" + std::string(kDate) + "\"\n";  // 4 words
+// Response files: word groups and bad input. Names are relative to the
+// test's directory; `content` (when given) is written to "resp" first.
+TEST_F(ParseParmsTest, ResponseFiles) {
+  wltest::TempDir dir;
+  wltest::ScopedCwd cwd(dir.path());
+  const std::string a995(995, 'a'), ld = std::string("\n-ld \"") + kDate + "\"\n";
+  std::string garbage;
+  for (uint32_t i = 0, x = 12345; i < 20000; ++i, x = x * 1103515245u + 12345u)
+    garbage += static_cast<char>((x >> 16) & 0xff);
+  std::string limit = "-lj j\n-ld \"" + std::string(kDate) + "\"\n";  // 4 words
   for (int i = 0; i < 194; ++i)
-    content += "-s\n";
-  std::string path = Write(content);
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path, "-s"}, &out), 1);  // 199 words
-  ResetSettings();
-  UserId = "builder";
-  EXPECT_EQ(Parse({"@" + path, "-s", "-s"}, &out), 0);  // 200 words
-  EXPECT_EQ(out, std::string(kTooManyWordsMessage) + "\n");
-}
-
-TEST_F(ResponseFileTest, HundredThousandWordsAreRefused) {
-  std::string content;
-  for (int i = 0; i < 1000; ++i) {
-    for (int j = 0; j < 100; ++j)
-      content += "w ";
-    content += "\n";
+    limit += "-s\n";
+  // clang-format off
+  // arguments, file content, result, job name, output
+  const std::tuple<std::vector<std::string>, std::optional<std::string>, int, const char*,
+                   std::optional<std::string>>
+      cases[] = {
+      {{"@resp"}, "-lj \"my   spaced  job\" -ld x", 0, "my spaced job", {}},  // blanks folded
+      {{"@resp"}, "-lj \"unclosed group to the end", 0, "unclosed group to the end", {}},
+      {{"@resp"}, "-lj \" lone quote\" -ld x", 0, "lone quote", {}},
+      {{"@resp"}, "-lj \"a b\"c d\" -ld x", 0, "a b\"c", {}},  // the first later quote closes
+      {{"@resp"}, "-lj x\"y\" -ld z", 0, "x\"y", {}},          // only the ends are stripped
+      {{"@resp"}, "\r\n-lj \tjob\r\n", 0, "\tjob", {}},        // a tab is not a separator
+      {{"-lj", "j", "@resp", "-ld", kDate}, "-lj fromfile\n", 1, "j", {}},  // only first is read
+      {{"@resp", kDate, "-lm", "\"box\""}, "-lj job\n\n-ld\n", 1, "job",
+       Echoed("-lj \"job\" " + kLd + " -lm \"box\"")},  // file words come first
+      {{"@missing"}, {}, 0, "<null>", "Could not open response file missing\n"},
+      {{"@"}, {}, 0, "<null>", "Could not open response file \n"},
+      {{"@."}, {}, 0, "<null>", "Could not open response file .\n"},  // a directory
+      {{"@resp"}, "", 0, "<null>", kUsage},
+      {{"@resp"}, "-V\n", 1, "<null>", kBanner},
+      {{"@resp"}, std::string("-lj job\0 -lm hidden\n", 20) + "-ld x", 0, "job",
+       Echoed("-lj \"job\" -ld \"x\"") + kBadDate},  // a NUL ends its line's text
+      // Lines arrive in pieces of 999 characters, each piece a line.
+      {{"@resp"}, "-lj " + a995 + ld, 1, a995.c_str(), Echoed("-lj \"" + a995 + "\" " + kLd)},
+      {{"@resp"}, "-lj " + a995 + "aa" + ld, 1, a995.c_str(),
+       Echoed("-lj \"" + a995 + "\" \"aa\" " + kLd)},
+      {{"@resp"}, garbage, 0, nullptr, {}},
+      // 198 words from the file + 1 argument = 199 words: accepted; one more is not.
+      {{"@resp", "-s"}, limit, 1, "j", {}},
+      {{"@resp", "-s", "-s"}, limit, 0, "<null>", std::string(kTooManyWordsMessage) + "\n"},
+      {{"@/dev/zero"}, {}, 0, "<null>",
+       "Response file /dev/zero is too large: at most 67108864 bytes are read.\n"},
+  };
+  // clang-format on
+  for (const auto& [args, content, result, job, want] : cases) {
+    SCOPED_TRACE(Str(job));
+    if (content)
+      wltest::WriteFile("resp", *content);
+    std::string out;
+    EXPECT_EQ(Parse(args, &out), result);
+    EXPECT_EQ(out, want.value_or(out));
+    EXPECT_EQ(Str(TaskName), job ? job : Str(TaskName));
   }
-  std::string path = Write(content);
-  std::string out;
-  EXPECT_EQ(Parse({"@" + path}, &out), 0);
-  EXPECT_EQ(out, std::string(kTooManyWordsMessage) + "\n");
-}
-
-TEST_F(ParseParmsTest, HundredThousandArgumentsAreRefused) {
-  std::vector<std::string> words(100000, "-s");
-  std::string out;
-  EXPECT_EQ(Parse(words, &out), 0);
-  EXPECT_EQ(out, std::string(kTooManyWordsMessage) + "\n");
-}
-
-TEST_F(ResponseFileTest, EndlessStreamOfBlankLinesIsRefused) {
-  struct stat st;
-  if (stat("/dev/zero", &st) != 0)
-    GTEST_SKIP() << "/dev/zero is missing";
-  std::string out;
-  EXPECT_EQ(Parse({"@/dev/zero"}, &out), 0);
-  EXPECT_EQ(out, "Response file /dev/zero is too large: at most 67108864 bytes are read.\n");
 }
 
 }  // namespace
