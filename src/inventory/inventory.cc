@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,7 @@
 
 namespace {
 
-constexpr size_t kLoadLineSize = 4096;    // line pieces of LoadFileTree
+constexpr size_t kLoadChunk = 64 * 1024;  // fgets reads of LoadFileTree
 constexpr size_t kHeaderLineSize = 1024;  // lines examined by FindOldFileName
 constexpr mode_t kDirectoryBit = 0x4000;
 constexpr char kModuleRootTag[] = "ModuleRootDir=";
@@ -33,6 +34,90 @@ std::vector<std::unique_ptr<DigestStream>>& KeptOpenFiles() {
 
 long ParseNumber(const std::string& word) { return std::strtol(word.c_str(), nullptr, 10); }
 
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+// A byte of `text` at `i` that a record field cannot hold as it is.
+bool Awkward(const char* text, size_t i, size_t length) {
+  char c = text[i];
+  if (c == ';' || c == '\\' || c == '\n' || c == '\r')
+    return true;
+  return c == ' ' && (i == 0 || i + 1 == length);
+}
+
+bool NeedsEncoding(const char* text) {
+  size_t length = std::strlen(text);
+  for (size_t i = 0; i < length; ++i) {
+    if (Awkward(text, i, length))
+      return true;
+  }
+  return false;
+}
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'a' && c <= 'f')
+    return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
+  return -1;
+}
+
+// Reads one line into `line` (its "\n" included): up to kMaxRecordLine
+// bytes, a longer line arriving in pieces. A NUL byte ends the line's text;
+// the bytes after it up to the line's end are read and dropped. False at end
+// of file with nothing read.
+bool ReadRecordLine(FILE* stream, std::string& line) {
+  line.clear();
+  char chunk[kLoadChunk];
+  bool any = false, cut = false;
+  size_t taken = 0;
+  while (taken < kMaxRecordLine) {
+    size_t room = std::min(sizeof chunk, kMaxRecordLine - taken + 1);
+    chunk[room - 1] = 'x';  // fgets puts its terminator here only when it fills the chunk
+    if (!std::fgets(chunk, static_cast<int>(room), stream))
+      break;
+    any = true;
+    size_t n = std::strlen(chunk);
+    if (!cut)
+      line.append(chunk, n);
+    bool full = chunk[room - 1] == '\0' && chunk[room - 2] != '\n';
+    if (!full)
+      break;
+    taken += room - 1;
+    cut = cut || n < room - 1;
+  }
+  return any;
+}
+
+// The header lines the run writes; each is skipped whatever follows its tag.
+constexpr const char* kHeaderTags[] = {"SCMType=", "ModuleRootDir=", "MachineName=",
+                                       "BuildLabel=", "BuildNumber="};
+
+bool IsNumberWord(std::string word) {
+  StripChar(word, " ", 2);
+  size_t i = !word.empty() && (word[0] == '-' || word[0] == '+') ? 1 : 0;
+  if (i >= word.size())
+    return false;
+  for (; i < word.size(); ++i) {
+    if (word[i] < '0' || word[i] > '9')
+      return false;
+  }
+  return true;
+}
+
+// True for a line that is not a record: a header tag at its start, or a "="
+// in a line without a record's shape (the size and time fields numbers).
+bool IsHeaderLine(const char* line) {
+  for (const char* tag : kHeaderTags) {
+    if (std::strncmp(line, tag, std::strlen(tag)) == 0)
+      return true;
+  }
+  if (!std::strchr(line, '='))
+    return false;
+  return !(IsNumberWord(GetWord(line, ";", 3, 3)) && IsNumberWord(GetWord(line, ";", 4, 4)));
+}
+
 // Fills one record from a record line (already stripped).
 void ParseRecordLine(const char* line, FileNode* node) {
   std::string path;
@@ -41,6 +126,7 @@ void ParseRecordLine(const char* line, FileNode* node) {
     if (word.empty())
       break;
     StripChar(word, " ", 2);
+    word = DecodeField(word);
     switch (i) {
       case 1:
         safe_cpy(&node->dir, word.c_str());
@@ -87,11 +173,60 @@ bool RootMatchesWorkDir(const char* name) {
 
 }  // namespace
 
+std::string EncodeField(const char* text) {
+  std::string out;
+  size_t length = std::strlen(text);
+  for (size_t i = 0; i < length; ++i) {
+    if (Awkward(text, i, length)) {
+      auto byte = static_cast<unsigned char>(text[i]);
+      out += '\\';
+      out += 'x';
+      out += kHexDigits[byte >> 4];
+      out += kHexDigits[byte & 15];
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+std::string DecodeField(const std::string& field) {
+  if (field.find('\\') == std::string::npos)
+    return field;
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    int high = -1, low = -1;
+    if (field[i] == '\\' && i + 3 < field.size() && field[i + 1] == 'x') {
+      high = HexValue(field[i + 2]);
+      low = HexValue(field[i + 3]);
+    }
+    if (high >= 0 && low >= 0) {
+      out += static_cast<char>(high * 16 + low);
+      i += 3;
+    } else {
+      out += field[i];
+    }
+  }
+  return out;
+}
+
+void WriteRecordLine(FILE* stream, const char* format, const FileNode* node) {
+  const char* texts[] = {node->dir, node->name, node->digest, node->version};
+  std::string encoded[4];
+  for (int i = 0; i < 4; ++i) {
+    // Ordinary fields go out as they are, without a copy.
+    if (NeedsEncoding(texts[i])) {
+      encoded[i] = EncodeField(texts[i]);
+      texts[i] = encoded[i].c_str();
+    }
+  }
+  std::fprintf(stream, format, texts[0], texts[1], static_cast<long>(node->size),
+               static_cast<long>(node->mtime), texts[2], texts[3]);
+}
+
 int WriteFileTree(void* record, uint32_t /*depth*/, void* arg) {
-  const auto* node = static_cast<const FileNode*>(record);
-  std::fprintf(static_cast<FILE*>(arg), kInventoryRecordFormat, node->dir, node->name,
-               static_cast<long>(node->size), static_cast<long>(node->mtime), node->digest,
-               node->version);
+  WriteRecordLine(static_cast<FILE*>(arg), kInventoryRecordFormat,
+                  static_cast<const FileNode*>(record));
   return 0;
 }
 
@@ -107,10 +242,10 @@ void LoadFileTree(Bintree* tree, const char* fileName) {
   FILE* stream = file->get();
   KeptOpenFiles().push_back(std::move(file));
 
-  char line[kLoadLineSize];
-  while (std::fgets(line, sizeof line, stream)) {
-    StripChar(line, "\n\r ", 1);
-    if (std::strchr(line, '='))
+  std::string text;
+  while (ReadRecordLine(stream, text)) {
+    const char* line = StripChar(text, "\n\r ", 1).c_str();
+    if (IsHeaderLine(line))
       continue;
     FileNode* node = NewFileNode(nullptr);
     ParseRecordLine(line, node);

@@ -2,18 +2,39 @@
 // The inventory file: the record writer, the reader that fills OldFileTree,
 // and the choice of the earlier inventory to compare with.
 //
-// Format: "\n"-ended text lines. Header lines (written by the run) hold "=";
-// every other line is one record, "%s;%s;%ld;%ld; %s; %s;\n" of dir, name,
-// size, mtime, digest, version (size before time, one blank before each of
-// the last two fields). The reader tells header from record by "=" alone.
+// Format: "\n"-ended text lines. Header lines (written by the run) are
+// "Tag=value"; every other line is one record, "%s;%s;%ld;%ld; %s; %s;\n" of
+// dir, name, size, mtime, digest, version (size before time, one blank before
+// each of the last two fields).
+//
+// Record fields carry every byte of a name. The bytes the line cannot hold as
+// they are (";", line feed, carriage return, a blank at either end of the
+// field) and the escape character "\" itself are written as "\xHH" (two
+// lowercase hexadecimal digits). A field without them is written unchanged,
+// so ordinary names have the same bytes as in older inventories, and older
+// inventories read the same for them.
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
+#include "inventory/filenode.h"
 #include "support/bintree.h"
+
+// Longest line LoadFileTree reads as one.
+inline constexpr size_t kMaxRecordLine = 1u << 20;
 
 // Record line format, shared with the change report's lines.
 inline constexpr const char kInventoryRecordFormat[] = "%s;%s;%ld;%ld; %s; %s;\n";
+
+// The text of a record field: `text` with the awkward bytes escaped.
+std::string EncodeField(const char* text);
+// The text a record field stands for: every "\xHH" (hexadecimal digits in
+// either case) becomes its byte; any other "\" stays as it is.
+std::string DecodeField(const std::string& field);
+// Writes one record line with `format` (kInventoryRecordFormat or one of the
+// change report's line formats), the four text fields encoded.
+void WriteRecordLine(FILE* stream, const char* format, const FileNode* node);
 
 // WalkBintree visitor: writes one record line of the FileNode to the FILE*
 // given as arg. depth is unused. Returns 0.
@@ -24,15 +45,21 @@ int WriteFileTree(void* record, uint32_t depth, void* arg);
 // - Prints "Loading comparison data: %s\n"; when the file cannot be opened,
 //   "Could not open %s\n" and returns. Only regular files (and directories,
 //   which read as empty) are opened, so that no FIFO or device can block.
-// - Lines are read in pieces of at most 4,095 bytes (a longer line arrives
+// - Lines are read whole up to kMaxRecordLine bytes (a longer line arrives
 //   as several pieces, each taken as a line; bytes after a NUL byte in a
-//   piece are ignored). Trailing "\n", "\r" and " " are removed; a line
-//   holding "=" is skipped. Every other line, even an empty one, becomes a
-//   record: the ";"-separated words (runs of ";" separate as one), each
-//   trimmed of blanks, fill dir, name (then path = dir + "/" + name with
-//   backslashes turned into "/"), size, mtime (leading decimal digits, else
-//   0), digest and version; words after the sixth are ignored and reading of
-//   a line stops at its first empty word, so missing fields stay empty or 0.
+//   line are ignored). Trailing "\n", "\r" and " " are removed.
+// - A header line is skipped: one that begins with a header tag
+//   ("SCMType=", "ModuleRootDir=", "MachineName=", "BuildLabel=",
+//   "BuildNumber="), or any other line holding "=" that does not have a
+//   record's shape (at least four fields, the third and fourth numbers). So
+//   a record whose path holds "=" reads back as a record.
+// - Every other line, even an empty one, becomes a record: the
+//   ";"-separated words (runs of ";" separate as one), each trimmed of
+//   blanks and then decoded (DecodeField), fill dir, name (then path = dir +
+//   "/" + name with backslashes turned into "/"), size, mtime (leading
+//   decimal digits, else 0), digest and version; words after the sixth are
+//   ignored and reading of a line stops at its first empty word, so missing
+//   fields stay empty or 0.
 // - A key already in the tree is dropped: the first line wins.
 // - The file is deliberately left open until the process ends (a holder with
 //   process lifetime owns it).

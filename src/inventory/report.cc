@@ -4,16 +4,12 @@
 
 #include "driver/settings.h"
 #include "inventory/filenode.h"
+#include "inventory/inventory.h"
 #include "scm/detail.h"
 #include "support/bintree.h"
 #include "support/strings.h"
 
 namespace {
-
-void WriteLine(FILE* report, const char* format, const FileNode* node) {
-  std::fprintf(report, format, node->dir, node->name, static_cast<long>(node->size),
-               static_cast<long>(node->mtime), node->digest, node->version);
-}
 
 bool Changed(const FileNode* current, const FileNode* earlier) {
   if (!IsEqual(current->digest, earlier->digest, 0))
@@ -30,7 +26,7 @@ bool Changed(const FileNode* current, const FileNode* earlier) {
 int Deleted(void* record, uint32_t /*depth*/, void* arg) {
   auto* node = static_cast<FileNode*>(record);
   if (!FindKey(FileTree, node->path))
-    WriteLine(static_cast<FILE*>(arg), kDeletedFormat, node);
+    WriteRecordLine(static_cast<FILE*>(arg), kDeletedFormat, node);
   return 0;
 }
 
@@ -39,9 +35,9 @@ int AddedAndChanged(void* record, uint32_t /*depth*/, void* arg) {
   auto* report = static_cast<FILE*>(arg);
   auto* earlier = static_cast<FileNode*>(FindKey(OldFileTree, node->path));
   if (!earlier) {
-    WriteLine(report, kAddedFormat, node);
+    WriteRecordLine(report, kAddedFormat, node);
   } else if (Changed(node, earlier)) {
-    WriteLine(report, kChangedFormat, node);
+    WriteRecordLine(report, kChangedFormat, node);
     GetDetail(SCMType, report, node, earlier);
   }
   return 0;

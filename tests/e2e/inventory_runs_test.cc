@@ -8,6 +8,7 @@
 #include <utime.h>
 
 #include <string>
+#include <vector>
 
 #include "testlib/inventory_fixtures.h"
 #include "testlib/testlib.h"
@@ -74,15 +75,87 @@ TEST(InventoryRuns, SecondRunReportsExactlyWhatChanged) {
 
   std::string second = run();
   EXPECT_NE(second.find("\nOldFileName=" + stem + "01-bom.data\n"), std::string::npos) << second;
-  // A name holding "=" is skipped when the inventory is read back, so it is
-  // added again in every run; the FIFO compares equal by its empty version.
+  // The FIFO compares equal by its empty version.
   const std::string change = fields("change.c", kEmptyDigest);
-  EXPECT_EQ(output("01-diff.data"), header + "D;" + deleted + "A;" + fields("a=b.c", kAbcDigest) +
-                                        "C;" + change + "A;" + fields("sub/new.c", kEmptyDigest));
+  EXPECT_EQ(output("01-diff.data"),
+            header + "D;" + deleted + "C;" + change + "A;" + fields("sub/new.c", kEmptyDigest));
   EXPECT_EQ(output("02-bom.data"),
             inventory_header + fields("a=b.c", kAbcDigest) + change + fields("keep.c", kAbcDigest) +
                 pipe + fields("sub/keep.h", kEmptyDigest) + fields("sub/new.c", kEmptyDigest));
   EXPECT_EQ(output("01-bom.data"), inventory_header + first_lines);
+}
+
+// Names a shell, the record format or a client would trip over.
+const std::vector<std::string> kHostileNames = {
+    "with blank",  "dq\"uote",     "sq'uote",   "$(touch X)", "`touch Y`", "semi;colon",
+    "a;b;1;2;x;y", "pipe|x",        "amp&x",     "eq=x",       "x=1;2;3;4", "colon:x",
+    "paren(x)",    "back\\slash", "line\nfeed", " leading", "trailing ", "-rf",
+    "--help",      "cr\rx",        "pct%s%n",   "tab\tx",    "lt<gt>"};
+
+// Two runs over an unchanged tree of hostile names: the second reports
+// nothing, and the first run's inventory is what it compared with.
+void ExpectSecondRunEmpty(const std::string& build, const std::string& start,
+                          const std::string& home, const std::vector<std::string>& scm,
+                          const std::string& path, const std::string& versioned = "") {
+  std::vector<std::string> args = {"-b", build, "-lj", "job.bom.data", "-lm", "m1",
+                                   "-ld", "2026-01-02 03:04:05"};
+  args.insert(args.end(), scm.begin(), scm.end());
+  const auto env = wltest::ToolEnv(home, "http://127.0.0.1:1", path);
+  const std::string stem = start + "/job.bom.data-m1-2026-01-02 03_04_05-";
+  auto first = wltest::RunTool(args, env, start);
+  ASSERT_EQ(first.status, 0) << first.out;
+  const std::string inventory = wltest::ReadFile(stem + "01-bom.data").value_or("");
+  // Each awkward byte is escaped; the other names keep their bytes.
+  for (const char* field : {";semi\\x3bcolon;", ";line\\x0afeed;", ";\\x20leading;",
+                            ";trailing\\x20;", ";eq=x;", ";-rf;", ";cr\\x0dx;"})
+    EXPECT_NE(inventory.find(field), std::string::npos) << field << "\n" << inventory;
+  EXPECT_NE(inventory.find(versioned), std::string::npos) << inventory;
+  ASSERT_EQ(unlink((stem + "01-diff.data").c_str()), 0);  // see above: it could hide the inventory
+
+  auto second = wltest::RunTool(args, env, start);
+  ASSERT_EQ(second.status, 0) << second.out;
+  EXPECT_NE(second.out.find("\nOldFileName=job.bom.data-m1-2026-01-02 03_04_05-01-bom.data\n"),
+            std::string::npos)
+      << second.out;
+  std::string report = wltest::ReadFile(stem + "01-diff.data").value_or("(missing)");
+  EXPECT_EQ(report.substr(report.find("MachineName=")),
+            "MachineName=m1\nBuildLabel=\nBuildNumber=\n");
+  EXPECT_EQ(wltest::ReadFile(stem + "02-bom.data"), inventory);
+}
+
+TEST(InventoryRuns, UnchangedHostileTreeReportsNothingTheSecondTime) {
+  wltest::TempDir dir;
+  const std::string build = dir / "build", start = dir / "start", home = dir / "home";
+  wltest::MakeDirs(start);
+  wltest::MakeDirs(home);
+  for (const std::string& name : kHostileNames) {
+    WriteFile(build + "/" + name, name);
+    WriteFile(build + "/sub " + name + "/f", name);
+  }
+  ExpectSecondRunEmpty(build, start, home, {}, "/usr/bin:/bin");
+}
+
+TEST(InventoryRuns, UnchangedHostileSvnWorkspaceReportsNothingTheSecondTime) {
+  wltest::TempDir dir;
+  const std::string repo = dir / "repo", wc = dir / "wc", start = dir / "start",
+                    home = dir / "home";
+  wltest::MakeDirs(start);
+  wltest::MakeDirs(home);
+  const auto env = wltest::ToolEnv(home, std::nullopt, "/usr/bin:/bin");
+  auto svn = [&](std::vector<std::string> argv, const std::string& cwd) {
+    return wltest::RunProgram(argv, env, cwd).status;
+  };
+  ASSERT_EQ(svn({"/usr/bin/svnadmin", "create", repo}, dir.path()), 0);
+  ASSERT_EQ(svn({"/usr/bin/svn", "checkout", "-q", "file://" + repo, wc}, dir.path()), 0);
+  for (const std::string& name : kHostileNames) {
+    WriteFile(wc + "/" + name, name);
+    // svn refuses some of these names (control characters); those stay
+    // unversioned and are inventoried all the same.
+    svn({"/usr/bin/svn", "add", "-q", "--", name + "@"}, wc);
+  }
+  ASSERT_EQ(svn({"/usr/bin/svn", "commit", "-q", "-m", "hostile"}, wc), 0);
+  ExpectSecondRunEmpty(wc, start, home, {"-c", "SVN"}, "/usr/bin:/bin",
+                       "; 8f9f7620000000000000000000000000; 1;\n");
 }
 
 }  // namespace

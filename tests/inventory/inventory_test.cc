@@ -30,10 +30,12 @@ std::string Load(const std::string& content) {
 
 // Each row: inventory text, and the records it gives.
 TEST(LoadFileTree, EveryKindOfLine) {
-  const std::string n907(907, 'n'), n4093(4093, 'n');
+  const std::string n5000(5000, 'n'), n3(kMaxRecordLine - 3, 'n'), n2(kMaxRecordLine - 2, 'n');
   // clang-format off
   const std::pair<std::string, std::string> cases[] = {
-      {"SCMType=NONE\nModuleRootDir=/w\nr;a=b.c;1;2; d; v;\n", ""},  // a "=" anywhere: skipped
+      {"SCMType=NONE\nModuleRootDir=/w\nMachineName=M\nBuildLabel=\nBuildNumber=\n", ""},
+      {"BuildLabel=r;a;1;2; d; v;\nx=y\nx=y;a;1;b; d;\n", ""},  // a tag, or "=" without numbers
+      {"r;a=b.c;1;2; d; v;\n", "r/a=b.c|r|a=b.c|1|2|d|v\n"},  // "=" in a record
       {"r;a.c;10;20; ; ;\n", "r/a.c|r|a.c|10|20||\n"},
       {"    \n\n", "|||0|0||\n"},  // a blank line: a record with an empty key
       {"r;a.c;1;2; d; v;  \r\n", "r/a.c|r|a.c|1|2|d|v\n"},
@@ -43,18 +45,42 @@ TEST(LoadFileTree, EveryKindOfLine) {
       {"r;a.c;12abc;x9; d;\n", "r/a.c|r|a.c|12|0|d|\n"},
       {"r;a.c;-5;-6; d;\n", "r/a.c|r|a.c|-5|-6|d|\n"},
       {"r\\x;s\\a.c;1;2; d; ;\n", "r/x/s/a.c|r\\x|s\\a.c|1|2|d|\n"},
+      {"r;\\x20a\\x3B\\x0a\\x0d\\x5c\\x20;1;2; \\x3b; v\\x20;\n",  // escapes decoded
+       "r/ a;\n\r/ |r| a;\n\r\\ |1|2|;|v \n"},
+      {"r;a\\x4;\\xg0\\;1;2; d;\n", "r/a/x4|r|a\\x4|0|1|2|d\n"},  // not escapes: kept
       {"r; a.c\t;1;2; d ; v ;\n", "r/a.c\t|r|a.c\t|1|2|d|v\n"},  // blanks are trimmed, tabs not
       {"r;a.c;1;2; d; v;", "r/a.c|r|a.c|1|2|d|v\n"},
-      {std::string("r;a.c;1;2\0;3; d; v;\n", 20), "r/a.c|r|a.c|1|2||\n"},
+      {std::string("r;a.c;1;2\0;3; d; v;\nr;b;3;4; e; ;\n", 32),
+       "r/a.c|r|a.c|1|2||\nr/b|r|b|3|4|e|\n"},
       {"r;\xe9\xff.c;1;2; d;\n", "r/\xe9\xff.c|r|\xe9\xff.c|1|2|d|\n"},
       {"r;a.c;1;2; 1st; ;\nr;a.c;3;4; 2nd; ;\n", "r/a.c|r|a.c|1|2|1st|\n"},  // first line wins
-      {"r;" + std::string(5000, 'n') + ";1;2; d; v;\n",  // read in pieces of 4,095 bytes
-       n907 + "/1|" + n907 + "|1|2|0|v|\nr/" + n4093 + "|r|" + n4093 + "|0|0||\n"},
-      {std::string(1 << 20, 'x'), "|" + std::string(4095, 'x') + "||0|0||\n"},  // one key
+      {"r;" + n5000 + ";1;2; d; v;\n", "r/" + n5000 + "|r|" + n5000 + "|1|2|d|v\n"},
+      {"r;" + n3 + "\n", "r/" + n3 + "|r|" + n3 + "|0|0||\n"},  // kMaxRecordLine bytes: whole
+      {"r;" + n2 + "\n", "|||0|0||\nr/" + n2 + "|r|" + n2 + "|0|0||\n"},  // one more: pieces
   };
   // clang-format on
   for (const auto& [text, want] : cases)
     EXPECT_EQ(Load(text), want) << text.substr(0, 100);
+}
+
+TEST(RecordField, EscapesOnlyWhatTheLineCannotHold) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"a b\t=\"'$`|&:()%s-", "a b\t=\"'$`|&:()%s-"},
+      {"a;b", "a\\x3bb"},
+      {"\n\r\\", "\\x0a\\x0d\\x5c"},
+      {" a b ", "\\x20a b\\x20"},
+      {" ", "\\x20"},
+      {"", ""},
+  };
+  for (const auto& [text, field] : cases) {
+    EXPECT_EQ(EncodeField(text.c_str()), field);
+    EXPECT_EQ(DecodeField(field), text);
+  }
+  std::string every;
+  for (int c = 1; c < 256; ++c)
+    every += static_cast<char>(c);
+  EXPECT_EQ(DecodeField(EncodeField(every.c_str())), every);
+  EXPECT_EQ(DecodeField(EncodeField((" " + every + " ").c_str())), " " + every + " ");
 }
 
 TEST(LoadFileTree, SaysWhatItLoadsAndWhatItCannotOpen) {

@@ -60,4 +60,12 @@ TEST(Report, TheComparisonRule) {
   }
 }
 
+TEST(Report, LinesEscapeWhatTheirFieldsCannotHold) {
+  ScopedFileTree before, now;
+  before.Add("/w", " gone;", 1, kA, "");
+  now.Add("/w", "new\n\\", 2, kB, "v ");
+  EXPECT_EQ(Report(before, now), "D;/w;\\x20gone\\x3b;1;1; " + kA + "; ;\nA;/w;new\\x0a\\x5c;2;2; " +
+                                     kB + "; v\\x20;\n");
+}
+
 }  // namespace
