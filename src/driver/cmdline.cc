@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "driver/settings.h"
@@ -46,6 +47,8 @@ constexpr const char* kNoDateMessage = "ERROR 58: -ld parameter and argument are
 constexpr const char* kDateFormatMessage =
     "ERROR 58: -ld parameter is required to be in YYYY-MM-DD HH_MM_SS format.\n";
 constexpr const char* kNoPublicMessage = "ERROR 59: -lp parameter is required.\n";
+constexpr const char* kLineBreakFormat =
+    "ERROR 60: %s value must not contain a line feed or carriage return.\n";
 
 // Tool keywords of -c, compared without regard to case; the first match wins.
 struct ScmKeyword {
@@ -317,6 +320,25 @@ bool DateTimeFormOk(const std::string& dt) {
 
 bool IsEmpty(const char* s) { return s == nullptr || s[0] == '\0'; }
 
+bool HasLineBreak(const char* s) { return s && std::strpbrk(s, "\n\r") != nullptr; }
+
+// The values written as header lines of the inventory and the change report
+// must stay on their line: a line break would turn the rest of the value
+// into lines of its own. Such a value is refused before anything is written.
+bool HeaderValuesFit() {
+  const std::pair<const char*, const char*> values[] = {
+      {"-b", WorkDir.c_str()}, {"-c", SCMTypeStr},   {"-lm", MachineLabel},
+      {"-t", BuildLabel.c_str()}, {"-ln", BuildNumber},
+  };
+  for (const auto& [option, value] : values) {
+    if (HasLineBreak(value)) {
+      std::printf(kLineBreakFormat, option);
+      return false;
+    }
+  }
+  return true;
+}
+
 void DefaultIfUnset(char** setting, const char* value) {
   if (*setting == nullptr)
     safe_cpy(setting, value);
@@ -371,6 +393,8 @@ int ParseParms(int argc, char** argv) {
     std::printf(kUncFormat, WorkDir.c_str());
     return 0;
   }
+  if (!HeaderValuesFit())
+    return 0;
   bool is_public = !IsEmpty(PublicBuildJob) && IsEqual(PublicBuildJob, "true", 0);
   safe_cpy(&PublicBuildJob, is_public ? "true" : "false");
 

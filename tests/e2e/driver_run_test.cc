@@ -110,6 +110,10 @@ TEST_F(DriverRun, RefusedCommandLines) {
       {{"-lj", "job"}, Echoed("-lj \"job\"") + "ERROR 58: -ld" + req},
       {JobArgs({"-@", "-lm"}), Echoed(j + " -@ -lm")},  // stops silently
       {{"@missing.rsp"}, "Could not open response file missing.rsp\n"},
+      {JobArgs({"-t", "a\nb"}), Echoed(j + " -t \"a\nb\"") +
+       "ERROR 60: -t value must not contain a line feed or carriage return.\n"},
+      {JobArgs({"-lm", "m", "-ln", "7\r"}), Echoed(j + " -lm \"m\" -ln \"7\r\"") +
+       "ERROR 60: -ln value must not contain a line feed or carriage return.\n"},
       {std::vector<std::string>(100000, "-s"),
        "Too many words on the command line: at most 199 are accepted.\n"},
   };
