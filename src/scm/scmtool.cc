@@ -4,6 +4,7 @@
 #include <fnmatch.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -222,9 +223,15 @@ std::array<int, 6> SixNumbers(const std::string& text, const char* separators) {
 }
 
 int64_t LocalTime(int year, int month, int day, int hour, int minute, int second) {
+  // Clients may print any number; a year or month whose field would not fit
+  // an int is a time mktime cannot represent either, and gets its -1.
+  const int64_t year_field = int64_t{year} - 1900;
+  const int64_t month_field = int64_t{month} - 1;
+  if (year_field < INT_MIN || month_field < INT_MIN)
+    return -1;
   struct tm when {};
-  when.tm_year = year - 1900;
-  when.tm_mon = month - 1;
+  when.tm_year = static_cast<int>(year_field);
+  when.tm_mon = static_cast<int>(month_field);
   when.tm_mday = day;
   when.tm_hour = hour;
   when.tm_min = minute;
