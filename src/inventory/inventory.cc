@@ -256,6 +256,8 @@ void LoadFileTree(Bintree* tree, const char* fileName) {
   }
 }
 
+void CloseLoadedInventories() { KeptOpenFiles().clear(); }
+
 void FindOldFileName(const char* newName, std::string& nameBuffer) {
   std::string pattern = nameBuffer;
   ReplaceSlash(pattern);

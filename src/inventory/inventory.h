@@ -65,6 +65,11 @@ int WriteFileTree(void* record, uint32_t depth, void* arg);
 //   process lifetime owns it).
 void LoadFileTree(Bintree* tree, const char* fileName);
 
+// Closes the inventories LoadFileTree has kept open. For tests and the fuzz
+// targets, which load many inventories in one process; the run never calls
+// it.
+void CloseLoadedInventories();
+
 // Chooses the earlier inventory in the current directory. nameBuffer holds
 // the pattern "%s-%s-*-bom.data" (task name, machine label) on entry and the
 // chosen name, or "", on return. newName is the inventory this run is about
