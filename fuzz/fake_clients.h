@@ -1,0 +1,32 @@
+#pragma once
+// Stands in for the SCM client starter while it lives: each start is
+// answered with the next of the given outputs, read from memory, and no
+// process is started. Once the outputs are used up, starts fail as if the
+// client could not be run.
+
+#include <string>
+#include <vector>
+
+#include "scm/scmtool.h"
+
+namespace fuzz {
+
+class FakeClients {
+ public:
+  explicit FakeClients(std::vector<std::string> outputs);
+  ~FakeClients();
+  FakeClients(const FakeClients&) = delete;
+  FakeClients& operator=(const FakeClients&) = delete;
+
+ private:
+  static FILE* Open(const char* command);
+  std::vector<std::string> outputs_;
+  size_t next_ = 0;
+  ClientOpenFn saved_;
+};
+
+// Cuts `text` at every "\n" followed by a NUL byte into at most `count`
+// pieces (the last one takes the rest).
+std::vector<std::string> SplitOutputs(std::string_view text, size_t count);
+
+}  // namespace fuzz

@@ -1,0 +1,82 @@
+// Workspace listings and the repository log: the input names the files the
+// scan found and then gives the client's output; the output is read by the
+// listing of every tool of the listing group, by the si sandbox listing and
+// by the repository-log path.
+//
+// Layout: a line of file names separated by "|", a line naming the si
+// sandbox, then the client output.
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "driver/settings.h"
+#include "fake_clients.h"
+#include "fuzz_support.h"
+#include "inventory/filenode.h"
+#include "scm/listing.h"
+#include "scm/scmtool.h"
+#include "support/bintree.h"
+#include "support/strings.h"
+
+namespace {
+
+Bintree* TreeOf(const std::string& build_dir, const std::string& names) {
+  Bintree* tree = NewBintree(nullptr, CompareFunc, 0, sizeof(FileNode));
+  size_t start = 0;
+  while (start <= names.size()) {
+    size_t end = names.find('|', start);
+    if (end == std::string::npos)
+      end = names.size();
+    FileNode* node = NewFileNode(TreeKey(build_dir, names.substr(start, end - start)).c_str());
+    safe_cpy(&node->dir, build_dir.c_str());
+    if (InsBintree(tree, node) != 0) {
+      FreeFileNode(node);
+      tfree(node);
+    }
+    start = end + 1;
+  }
+  return tree;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::QuietStdout();
+  fuzz::Input in(data, size);
+  const std::string names = in.Line();
+  const std::string sandbox = in.Line();
+  const std::string output(in.Rest());
+  const std::string build_dir = fuzz::ScratchDir() + "/build";
+  static const bool made = mkdir(build_dir.c_str(), 0700) == 0;
+  (void)made;
+
+  for (uint32_t type : {kScmCvs, kScmClearCase, kScmSvn, kScmAccurev, kScmMstf, kScmSi}) {
+    Bintree* tree = TreeOf(build_dir, names);
+    {
+      fuzz::FakeClients clients({output});
+      if (type == kScmSi)
+        ListSiSandbox(tree, build_dir.c_str(), sandbox);
+      else
+        FindVersionInfo(tree, build_dir.c_str(), type);
+    }
+    DestroyBintree(tree, FreeFileNode);
+  }
+
+  // The repository log digests the files it names below the build
+  // directory; ".." is taken out so that it reads nothing outside it.
+  std::string log = output;
+  for (size_t at = log.find(".."); at != std::string::npos; at = log.find("..", at))
+    log.replace(at, 2, "__");
+  const uint32_t saved_type = SCMType;
+  SCMType = kScmCvsRep;
+  Bintree* tree = TreeOf(build_dir, names);
+  {
+    fuzz::FakeClients clients({log});
+    (void)LoadRepository(nullptr, build_dir.c_str(), tree);
+  }
+  DestroyBintree(tree, FreeFileNode);
+  SCMType = saved_type;
+  return 0;
+}

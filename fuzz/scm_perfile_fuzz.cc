@@ -1,0 +1,77 @@
+// Per-file and per-directory version queries (ss, p4, hsigget): the input
+// names the files the scan found and gives the client outputs, answered in
+// turn to the queries the walk makes.
+//
+// Layout: a line of file names separated by "|" (below a build directory
+// of the scratch folder), then the client outputs, separated by a "\n"
+// followed by a NUL byte.
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "driver/settings.h"
+#include "fake_clients.h"
+#include "fuzz_support.h"
+#include "inventory/filenode.h"
+#include "scm/perfile.h"
+#include "scm/scmtool.h"
+#include "support/bintree.h"
+#include "support/strings.h"
+
+namespace {
+
+constexpr size_t kMaxOutputs = 8;
+
+Bintree* TreeOf(const std::string& build_dir, const std::string& names) {
+  Bintree* tree = NewBintree(nullptr, CompareFunc, 0, sizeof(FileNode));
+  size_t start = 0;
+  while (start <= names.size()) {
+    size_t end = names.find('|', start);
+    if (end == std::string::npos)
+      end = names.size();
+    const std::string name = names.substr(start, end - start);
+    FileNode* node = NewFileNode(TreeKey(build_dir, name).c_str());
+    safe_cpy(&node->dir, build_dir.c_str());
+    safe_cpy(&node->name, name.c_str());
+    if (InsBintree(tree, node) != 0) {
+      FreeFileNode(node);
+      tfree(node);
+    }
+    start = end + 1;
+  }
+  return tree;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::QuietStdout();
+  fuzz::Input in(data, size);
+  std::string names = in.Line();
+  // The queries change into the files' directories: no ".." may lead them
+  // out of the scratch folder.
+  for (size_t at = names.find(".."); at != std::string::npos; at = names.find("..", at))
+    names.replace(at, 2, "__");
+  const std::vector<std::string> outputs = fuzz::SplitOutputs(in.Rest(), kMaxOutputs);
+  const std::string build_dir = fuzz::ScratchDir() + "/build";
+  static const bool made = mkdir(build_dir.c_str(), 0700) == 0;
+  (void)made;
+
+  Bintree* const saved_files = FileTree;
+  Bintree* const saved_dirs = DirTree;
+  for (uint32_t type : {kScmVss, kScmPerforce, kScmHarvest}) {
+    FileTree = TreeOf(build_dir, names);
+    DirTree = NewBintree(nullptr, CompareFunc, 0, sizeof(DirNode));
+    {
+      fuzz::FakeClients clients(outputs);
+      WalkBintree(FileTree, LoadVersionInfo, &type);
+    }
+    DestroyBintree(DirTree, FreeBNode);
+    DestroyBintree(FileTree, FreeFileNode);
+  }
+  FileTree = saved_files;
+  DirTree = saved_dirs;
+  return 0;
+}
