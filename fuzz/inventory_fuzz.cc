@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "driver/settings.h"
 #include "fuzz_support.h"
 #include "inventory/filenode.h"
 #include "inventory/inventory.h"
@@ -37,15 +36,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   DestroyBintree(tree, FreeFileNode);
   CloseLoadedInventories();
 
-  const std::string saved_work_dir = WorkDir;
-  WorkDir = root;
   {
     ScopedChdir in_dir(dir);
     if (in_dir.ok()) {
       std::string name = "job-box-*-bom.data";
-      FindOldFileName("job-box-8-bom.data", name);
+      FindOldFileName("job-box-8-bom.data", name, root);
     }
   }
-  WorkDir = saved_work_dir;
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -16,12 +17,14 @@
 
 #include "driver/cmdline.h"
 #include "driver/config.h"
+#include "driver/output.h"
 #include "driver/settings.h"
 #include "inventory/filenode.h"
 #include "inventory/inventory.h"
 #include "inventory/report.h"
 #include "inventory/scan.h"
 #include "net/upload.h"
+#include "scm/detail.h"
 #include "scm/listing.h"
 #include "scm/perfile.h"
 #include "support/bintree.h"
@@ -32,21 +35,12 @@ PauseFunction file_copy_pause = Secs2Sleep;
 
 namespace {
 
-constexpr const char* kDeletedProgress = "Determining Deleted Files";
-constexpr const char* kAddedProgress = "Determining Added and Changed Files";
 constexpr const char* kSavingProgress = "Saving Comparison data";
 constexpr const char* kUploadingFormat = "Uploading Report Data %s\n";
 constexpr const char* kComplete = "Complete";
 
 // The password-database entry of the effective user, kept for the process.
 struct passwd* g_user_entry = nullptr;
-
-// Destinations that file_copy gave up on: they stay open (and locked, if the
-// last attempt locked them) until the process ends.
-std::vector<FILE*>& HeldDestinations() {
-  static std::vector<FILE*>* held = new std::vector<FILE*>;
-  return *held;
-}
 
 // printf into a std::string. Unset settings format as "(null)", as the C
 // library prints a null text.
@@ -68,21 +62,7 @@ std::string Format(const char* format, ...) {
   return out;
 }
 
-// fopen(name, "w") without the wait on a FIFO that has no reader: such a
-// destination fails to open instead of holding the run.
-FILE* OpenForWriting(const char* name) {
-  int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
-  if (fd < 0)
-    return nullptr;
-  int flags = fcntl(fd, F_GETFL);
-  if (flags >= 0)
-    fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-  FILE* f = fdopen(fd, "w");
-  if (!f)
-    close(fd);
-  return f;
-}
-
+// A setting as printf shows it: an unset one reads "(null)".
 const char* Text(const char* s) { return s ? s : "(null)"; }
 
 std::string CurrentDirectory(const std::string& fallback) {
@@ -160,28 +140,6 @@ class RunResources {
   FileNode* old_head_ = nullptr;
 };
 
-void WriteReportHeader(FILE* report) {
-  if (SCMTypeStr)
-    std::fprintf(report, "SCMType=%s\n", SCMTypeStr);
-  if (MachineLabel)
-    std::fprintf(report, "MachineName=%s\n", MachineLabel);
-  std::fprintf(report, "BuildLabel=%s\n", BuildLabel.c_str());
-  if (BuildNumber)
-    std::fprintf(report, "BuildNumber=%s\n", BuildNumber);
-}
-
-void WriteInventoryHeader(FILE* inventory) {
-  if (SCMTypeStr)
-    std::fprintf(inventory, "SCMType=%s\n", SCMTypeStr);
-  if (!DirName.empty())
-    std::fprintf(inventory, "ModuleRootDir=%s\n", DirName.c_str());
-  if (MachineLabel)
-    std::fprintf(inventory, "MachineName=%s\n", MachineLabel);
-  std::fprintf(inventory, "BuildLabel=%s\n", BuildLabel.c_str());
-  if (BuildNumber)
-    std::fprintf(inventory, "BuildNumber=%s\n", BuildNumber);
-}
-
 // Fills FileTree by the method the SCM type selects.
 void AcquireInventory(const std::string& build_dir) {
   if ((SCMType & ~kListingMask) == 0) {
@@ -196,40 +154,47 @@ void AcquireInventory(const std::string& build_dir) {
   }
 }
 
-int CouldNotWrite(const std::string& name) {
-  std::printf(kCouldNotWriteFormat, name.c_str());
+// The design's message for a name a directory stands in the way of; the
+// system's reason with it for every other failure.
+int CouldNotWrite(const std::string& name, int error = EISDIR) {
+  if (error == EISDIR)
+    std::printf(kCouldNotWriteFormat, name.c_str());
+  else
+    ReportWriteFailure(name, error);
   return 1;
 }
 
-// Steps after the command line has been accepted; returns the exit status.
-int RunInspection(RunResources& resources) {
-  LogURL = WeftlaneServer + "/LogUpload";
-  std::string start_dir = CurrentDirectory("");
-  std::string build_dir = ".";
+bool DirectoryInTheWay(const std::string& name) {
+  struct stat st;
+  return stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
 
+// The names of one run's outputs in the start directory.
+struct OutputNames {
+  std::string report_copy, report, inventory_copy, inventory, old;
+};
+
+OutputNames PlanOutputs() {
+  OutputNames names;
   // The two counters are independent: a run may write report 03 beside
   // inventory 01.
-  std::string report_copy =
+  names.report_copy =
       Format("%s-%s-%s-diff.data", Text(TaskName), Text(MachineLabel), Text(JobDateTime));
-  std::string report_name = NumberedName("diff.data");
-  std::string inventory_copy =
+  names.report = NumberedName("diff.data");
+  names.inventory_copy =
       Format("%s-%s-%s-bom.data", Text(TaskName), Text(MachineLabel), Text(JobDateTime));
-  std::string inventory_name = NumberedName("bom.data");
+  names.inventory = NumberedName("bom.data");
+  names.old = Format("%s-%s-*-bom.data", Text(TaskName), Text(MachineLabel));
+  FindOldFileName(names.inventory.c_str(), names.old, WorkDir);
+  return names;
+}
 
-  std::string old_name = Format("%s-%s-*-bom.data", Text(TaskName), Text(MachineLabel));
-  FindOldFileName(inventory_name.c_str(), old_name);
-
-  // The build directory line shows the buffer before the change of
-  // directory below, so it always reads ".".
-  std::printf("WorkDir=%s\n", start_dir.c_str());
-  std::printf("BuildDir=%s\n", build_dir.c_str());
-  std::printf("RptFileName=%s\n", report_name.c_str());
-  std::printf("NewFileName=%s\n", inventory_name.c_str());
-  std::printf("OldFileName=%s\n", old_name.c_str());
-
+// Changes into the build directory, fills FileTree and returns to the start
+// directory; returns the start directory as read back.
+std::string ScanBuildDirectory(RunResources& resources, const std::string& start_dir) {
   // A build directory that cannot be entered is not an error: the scan then
   // runs in the start directory.
-  build_dir = WorkDir;
+  std::string build_dir = WorkDir;
   if (chdir(build_dir.c_str()) != 0) {
     // ignored on purpose
   }
@@ -240,52 +205,130 @@ int RunInspection(RunResources& resources) {
   AcquireInventory(build_dir);
 
   if (chdir(start_dir.c_str()) != 0) {
-    // ignored: the names below are relative and the outcome shows in the
-    // open for writing
+    // ignored: the names below are relative and the outcome shows when the
+    // outputs are put in place
   }
-  start_dir = CurrentDirectory(start_dir);
+  return CurrentDirectory(start_dir);
+}
 
-  LoadFileTree(OldFileTree, old_name.c_str());
+// Puts a finished numbered output in place under `name`, or, when another
+// run has taken that name meanwhile, under the next free number (the new
+// name is printed after `label`). Whatever else stands under the name (an
+// unreadable file) is replaced, as an open for writing would have done.
+bool PutNumbered(PendingOutput& output, std::string& name, const char* suffix,
+                 const char* label) {
+  for (;;) {
+    if (output.Claim(name))
+      return true;
+    if (errno != EEXIST)
+      return false;
+    if (DirectoryInTheWay(name)) {
+      errno = EISDIR;
+      return false;
+    }
+    int64_t size;
+    uint64_t mtime;
+    if (!FileStat(name.c_str(), &size, &mtime))
+      return output.Replace(name);
+    name = NumberedName(suffix);
+    std::printf("%s=%s\n", label, name.c_str());
+  }
+}
 
-  UniqueFile report(OpenForWriting(report_name.c_str()));
-  if (!report)
-    return CouldNotWrite(report_name);
-  WriteReportHeader(report.get());
-  std::puts(kDeletedProgress);
-  WalkBintree(OldFileTree, Deleted, report.get());
-  std::puts(kAddedProgress);
-  WalkBintree(FileTree, AddedAndChanged, report.get());
+// Writes the change report and the inventory and puts both in place; returns
+// the exit status.
+int WriteOutputs(OutputNames& names) {
+  if (DirectoryInTheWay(names.report))
+    return CouldNotWrite(names.report);
+  PendingOutput report;
+  if (!report.Create(names.report))
+    return CouldNotWrite(names.report, errno);
+  ChangeReport changes;
+  changes.stream = report.get();
+  changes.scm_type_text = SCMTypeStr;
+  changes.machine = MachineLabel;
+  changes.build_label = BuildLabel.c_str();
+  changes.build_number = BuildNumber;
+  changes.now = FileTree;
+  changes.before = OldFileTree;
+  changes.scm_type = SCMType;
+  changes.detail = GetDetail;
+  WriteChangeReport(changes);
 
-  UniqueFile inventory(OpenForWriting(inventory_name.c_str()));
-  if (!inventory)
-    return CouldNotWrite(inventory_name);
+  if (DirectoryInTheWay(names.inventory))
+    return CouldNotWrite(names.inventory);
+  PendingOutput inventory;
+  if (!inventory.Create(names.inventory))
+    return CouldNotWrite(names.inventory, errno);
   std::puts(kSavingProgress);
-  WriteInventoryHeader(inventory.get());
-  WalkBintree(FileTree, WriteFileTree, inventory.get());
-  std::fclose(inventory.release());
-  std::fclose(report.release());
+  InventoryHeader header;
+  header.scm_type = SCMTypeStr;
+  header.module_root = DirName;
+  header.machine = MachineLabel;
+  header.build_label = BuildLabel.c_str();
+  header.build_number = BuildNumber;
+  WriteInventory(inventory.get(), header, FileTree);
 
-  if (file_copy(report_name.c_str(), report_copy.c_str()) != 0)
-    return CouldNotWrite(report_copy);
-  if (file_copy(inventory_name.c_str(), inventory_copy.c_str()) != 0) {
-    return CouldNotWrite(inventory_copy);
-  }
+  if (!inventory.Finish())
+    return CouldNotWrite(names.inventory, errno);
+  if (!report.Finish())
+    return CouldNotWrite(names.report, errno);
+  if (!PutNumbered(report, names.report, "diff.data", "RptFileName"))
+    return CouldNotWrite(names.report, errno);
+  if (!PutNumbered(inventory, names.inventory, "bom.data", "NewFileName"))
+    return CouldNotWrite(names.inventory, errno);
+  return 0;
+}
+
+// Copies both outputs to their transfer names, uploads and removes the
+// copies; returns the exit status.
+int TransferOutputs(const OutputNames& names) {
+  if (file_copy(names.report.c_str(), names.report_copy.c_str()) != 0)
+    return CouldNotWrite(names.report_copy, errno);
+  if (file_copy(names.inventory.c_str(), names.inventory_copy.c_str()) != 0)
+    return CouldNotWrite(names.inventory_copy, errno);
 
   // Upload results and deletions are not examined: a failed upload still
   // ends the run with status 0. The numbered files stay as the run's record.
-  std::printf(kUploadingFormat, inventory_copy.c_str());
-  UploadFile(inventory_copy.c_str());
-  unlink(inventory_copy.c_str());
-  std::printf(kUploadingFormat, report_copy.c_str());
-  UploadFile(report_copy.c_str());
+  std::printf(kUploadingFormat, names.inventory_copy.c_str());
+  UploadFile(names.inventory_copy.c_str());
+  unlink(names.inventory_copy.c_str());
+  std::printf(kUploadingFormat, names.report_copy.c_str());
+  UploadFile(names.report_copy.c_str());
   std::puts(kComplete);
-  unlink(report_copy.c_str());
+  unlink(names.report_copy.c_str());
   return 0;
+}
+
+// Steps after the command line has been accepted; returns the exit status.
+int RunInspection(RunResources& resources) {
+  LogURL = WeftlaneServer + "/LogUpload";
+  std::string start_dir = CurrentDirectory("");
+  OutputNames names = PlanOutputs();
+
+  // The build directory line always reads ".": it shows the buffer before
+  // the change into the build directory.
+  std::printf("WorkDir=%s\n", start_dir.c_str());
+  std::printf("BuildDir=%s\n", ".");
+  std::printf("RptFileName=%s\n", names.report.c_str());
+  std::printf("NewFileName=%s\n", names.inventory.c_str());
+  std::printf("OldFileName=%s\n", names.old.c_str());
+
+  start_dir = ScanBuildDirectory(resources, start_dir);
+  LoadFileTree(OldFileTree, names.old.c_str());
+  int status = WriteOutputs(names);
+  return status != 0 ? status : TransferOutputs(names);
 }
 
 }  // namespace
 
 int InspectorMain(int argc, char** argv) {
+  // Progress lines reach a log file or pipe as they are printed, so a job
+  // killed by its build farm still shows how far it came.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  // A file size limit makes writes fail (and be reported) instead of
+  // killing the run.
+  std::signal(SIGXFSZ, SIG_IGN);
   GetUserId(UserId);
   WeftlaneServer.clear();
 
@@ -343,42 +386,54 @@ std::string& GetUserId(std::string& buffer) {
 
 int file_copy(const char* source, const char* destination) {
   UniqueFile in(std::fopen(source, "rb"));
-  UniqueFile out(OpenForWriting(destination));
-  if (!out)
-    return 1;
+  // An earlier copy under the destination name is locked before it is
+  // replaced; anything but a regular file there is left alone.
+  UniqueFd lock;
+  struct stat st;
+  if (stat(destination, &st) == 0) {
+    if (!S_ISREG(st.st_mode)) {
+      errno = S_ISDIR(st.st_mode) ? EISDIR : EEXIST;
+      return 1;
+    }
+    lock.Reset(open(destination, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (lock.get() < 0)
+      return 1;
+    int retries = 0;
+    int locked = flock(lock.get(), LOCK_EX | LOCK_NB);
+    while (locked != 0 && retries < kLockRetries) {
+      file_copy_pause(kLockRetryPauseSeconds);
+      ++retries;
+      locked = flock(lock.get(), LOCK_EX | LOCK_NB);
+    }
+    // The retry count decides, not the last attempt: after the last retry
+    // the copy fails even if that attempt got the lock, and the destination
+    // stays open (and locked, if it was) until the process ends.
+    if (retries >= kLockRetries) {
+      HoldUntilExit(std::move(lock));
+      errno = EWOULDBLOCK;
+      return 1;
+    }
+  }
   // The callers pass files they have just written; a source that cannot be
   // opened fails the copy instead of being read through a null stream.
   if (!in)
     return 1;
 
-  int fd = fileno(out.get());
-  int retries = 0;
-  int locked = flock(fd, LOCK_EX | LOCK_NB);
-  while (locked != 0 && retries < kLockRetries) {
-    file_copy_pause(kLockRetryPauseSeconds);
-    ++retries;
-    locked = flock(fd, LOCK_EX | LOCK_NB);
-  }
-  // The retry count decides, not the last attempt: after the last retry the
-  // copy fails even if that attempt got the lock, and the destination stays
-  // open (and locked, if it was) until the process ends.
-  if (retries >= kLockRetries) {
-    HeldDestinations().push_back(out.release());
+  PendingOutput out;
+  if (!out.Create(destination))
     return 1;
-  }
-
-  std::rewind(out.get());
-  int c;
-  while ((c = std::getc(in.get())) != EOF) {
-    if (std::putc(c, out.get()) == EOF)
+  char buffer[64 * 1024];
+  size_t n;
+  while ((n = std::fread(buffer, 1, sizeof buffer, in.get())) > 0) {
+    if (std::fwrite(buffer, 1, n, out.get()) != n)
       break;
   }
-  bool write_failed = std::ferror(out.get()) != 0;
-  in.reset();
-  // Closing the destination releases the lock.
-  if (std::fclose(out.release()) != 0)
-    write_failed = true;
-  return write_failed ? 1 : 0;
+  if (std::ferror(in.get())) {
+    errno = EIO;
+    return 1;
+  }
+  // Replacing the locked file releases the lock with the old file.
+  return out.Finish() && out.Replace(destination) ? 0 : 1;
 }
 
 void Secs2Sleep(unsigned seconds) {

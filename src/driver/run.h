@@ -22,7 +22,10 @@ inline constexpr unsigned kLockRetryPauseSeconds = 2;
 
 // The whole program: returns the exit status (0 complete run, also when an
 // upload failed; 1 refused command line, missing server setting, or an output
-// file that cannot be written). Releases everything it made before it
+// file that cannot be written). Outputs are complete or absent: each is
+// written under a temporary name and put in place when complete; numbered
+// names are claimed exclusively, so two runs in one start directory take
+// different numbers. Releases everything it made before it
 // returns, except when the server setting is missing (it returns at once).
 int InspectorMain(int argc, char** argv);
 
@@ -37,16 +40,18 @@ int FileStat(const char* path, int64_t* size_out, uint64_t* mtime_out);
 // returns buffer.
 std::string& GetUserId(std::string& buffer);
 
-// Copy source to destination byte by byte under an exclusive, non-blocking
-// flock on the destination, which is created or truncated before the lock is
-// tried. A failed lock is retried kLockRetries times after pauses of
-// kLockRetryPauseSeconds (through file_copy_pause); when the retries are used
-// up the copy fails, even if the last attempt got the lock, and the
-// destination is deliberately left open (and locked, if it was) until the
+// Copy source to destination: the copy is written under a temporary name
+// beside the destination and replaces it only when complete. A regular file
+// already under the destination name is first locked (exclusive,
+// non-blocking flock); a failed lock is retried kLockRetries times after
+// pauses of kLockRetryPauseSeconds (through file_copy_pause); when the
+// retries are used up the copy fails, even if the last attempt got the lock,
+// and that file is deliberately left open (and locked, if it was) until the
 // process ends.
-// NOTE the inverted convention: returns 0 on success, 1 on failure.
-// Failure also covers: destination cannot be opened, source cannot be
-// opened, or a write/close error on the destination.
+// NOTE the inverted convention: returns 0 on success, 1 on failure (errno
+// then tells why: a directory in the way gives EISDIR). Failure also covers:
+// anything but a regular file under the destination name, a source that
+// cannot be opened or read, and a write, flush or close error on the copy.
 int file_copy(const char* source, const char* destination);
 
 // Pause the calling thread for whole seconds.

@@ -10,7 +10,6 @@
 #include <memory>
 #include <vector>
 
-#include "driver/settings.h"
 #include "inventory/digest.h"
 #include "inventory/filenode.h"
 #include "support/handles.h"
@@ -24,13 +23,6 @@ constexpr size_t kHeaderLineSize = 1024;  // lines examined by FindOldFileName
 constexpr mode_t kDirectoryBit = 0x4000;
 constexpr char kModuleRootTag[] = "ModuleRootDir=";
 constexpr char kInventoryTag[] = ".bom.data";
-
-// Inventories read by LoadFileTree stay open until the process ends; they
-// are closed when this holder is destroyed at exit.
-std::vector<std::unique_ptr<DigestStream>>& KeptOpenFiles() {
-  static std::vector<std::unique_ptr<DigestStream>> files;
-  return files;
-}
 
 long ParseNumber(const std::string& word) { return std::strtol(word.c_str(), nullptr, 10); }
 
@@ -153,9 +145,9 @@ void ParseRecordLine(const char* line, FileNode* node) {
   }
 }
 
-// True when the inventory `name` records WorkDir as its root before any
+// True when the inventory `name` records work_dir as its root before any
 // line naming the machine.
-bool RootMatchesWorkDir(const char* name) {
+bool RootMatchesWorkDir(const char* name, const std::string& work_dir) {
   DigestStream file;
   if (!file.Open(name))
     return false;
@@ -163,7 +155,7 @@ bool RootMatchesWorkDir(const char* name) {
   while (std::fgets(line, sizeof line, file.get())) {
     StripChar(line, " \t\r\n", 2);
     const char* root = std::strstr(line, kModuleRootTag);
-    if (root && IsEqual(root + std::strlen(kModuleRootTag), WorkDir.c_str(), 0))
+    if (root && IsEqual(root + std::strlen(kModuleRootTag), work_dir.c_str(), 0))
       return true;
     if (std::strstr(line, "MachineName"))
       return false;
@@ -224,6 +216,27 @@ void WriteRecordLine(FILE* stream, const char* format, const FileNode* node) {
                static_cast<long>(node->mtime), texts[2], texts[3]);
 }
 
+void WriteInventory(FILE* stream, const InventoryHeader& header, Bintree* tree) {
+  if (header.scm_type)
+    std::fprintf(stream, "SCMType=%s\n", header.scm_type);
+  if (!header.module_root.empty()) {
+    std::string root;
+    for (char c : header.module_root) {
+      if (c == '\n' || c == '\r')
+        root += c == '\n' ? "\\x0a" : "\\x0d";
+      else
+        root += c;
+    }
+    std::fprintf(stream, "ModuleRootDir=%s\n", root.c_str());
+  }
+  if (header.machine)
+    std::fprintf(stream, "MachineName=%s\n", header.machine);
+  std::fprintf(stream, "BuildLabel=%s\n", header.build_label);
+  if (header.build_number)
+    std::fprintf(stream, "BuildNumber=%s\n", header.build_number);
+  WalkBintree(tree, WriteFileTree, stream);
+}
+
 int WriteFileTree(void* record, uint32_t /*depth*/, void* arg) {
   WriteRecordLine(static_cast<FILE*>(arg), kInventoryRecordFormat,
                   static_cast<const FileNode*>(record));
@@ -240,7 +253,8 @@ void LoadFileTree(Bintree* tree, const char* fileName) {
     return;
   }
   FILE* stream = file->get();
-  KeptOpenFiles().push_back(std::move(file));
+  // The inventory read stays open until the process ends.
+  HoldUntilExit(std::move(file));
 
   std::string text;
   while (ReadRecordLine(stream, text)) {
@@ -256,9 +270,9 @@ void LoadFileTree(Bintree* tree, const char* fileName) {
   }
 }
 
-void CloseLoadedInventories() { KeptOpenFiles().clear(); }
+void CloseLoadedInventories() { HeldUntilExit<std::unique_ptr<DigestStream>>().clear(); }
 
-void FindOldFileName(const char* newName, std::string& nameBuffer) {
+void FindOldFileName(const char* newName, std::string& nameBuffer, const std::string& workDir) {
   std::string pattern = nameBuffer;
   ReplaceSlash(pattern);
   nameBuffer.clear();
@@ -298,7 +312,7 @@ void FindOldFileName(const char* newName, std::string& nameBuffer) {
     // best advances before the content is looked at: a greater name whose
     // root does not match hides smaller matching names listed after it.
     best = name;
-    if (RootMatchesWorkDir(best.c_str()))
+    if (RootMatchesWorkDir(best.c_str(), workDir))
       nameBuffer = best;
   }
 }

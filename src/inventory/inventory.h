@@ -36,6 +36,22 @@ std::string DecodeField(const std::string& field);
 // change report's line formats), the four text fields encoded.
 void WriteRecordLine(FILE* stream, const char* format, const FileNode* node);
 
+// The header lines of an inventory; a null text (an empty one for
+// module_root) leaves its line out. build_label is always written.
+struct InventoryHeader {
+  const char* scm_type = nullptr;     // "SCMType=%s"
+  std::string module_root;            // "ModuleRootDir=%s", the absolute build directory
+  const char* machine = nullptr;      // "MachineName=%s"
+  const char* build_label = "";       // "BuildLabel=%s"
+  const char* build_number = nullptr; // "BuildNumber=%s"
+};
+
+// Writes the whole inventory: the header, then one record line per record of
+// tree in ascending key order. A line break in the module root (which no
+// option can give, but a directory name can) is written as "\x0a" or "\x0d"
+// so that the header stays one line.
+void WriteInventory(FILE* stream, const InventoryHeader& header, Bintree* tree);
+
 // WalkBintree visitor: writes one record line of the FileNode to the FILE*
 // given as arg. depth is unused. Returns 0.
 int WriteFileTree(void* record, uint32_t depth, void* arg);
@@ -80,8 +96,9 @@ void CloseLoadedInventories();
 // order than the best name so far and differs from newName. It becomes the
 // best name at once; its lines (up to 1,023 characters each, trimmed of
 // blanks, tabs, "\r" and "\n") are then read: a "ModuleRootDir=" line whose
-// text after the "=" equals WorkDir ignoring case (charmap) makes it the
-// result; a line containing "MachineName" ends the look. So the result
-// depends on the listing order, and a relative WorkDir never matches the
-// absolute directory the header records. Both are intended.
-void FindOldFileName(const char* newName, std::string& nameBuffer);
+// text after the "=" equals workDir (the build directory as given on the
+// command line) ignoring case (charmap) makes it the result; a line
+// containing "MachineName" ends the look. So the result depends on the
+// listing order, and a relative workDir never matches the absolute directory
+// the header records. Both are intended.
+void FindOldFileName(const char* newName, std::string& nameBuffer, const std::string& workDir);

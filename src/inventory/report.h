@@ -1,22 +1,52 @@
 #pragma once
-// The change report's record lines: deleted, added and changed files.
+// The change report: its header and its record lines for deleted, added and
+// changed files. This module writes the whole file.
 //
 // A file is changed when its digest differs from the earlier one ignoring
 // case; when both digests are empty (the file could not be read either
 // time), when its version differs ignoring case. Size and time are never
-// compared. Each changed line is followed by what GetDetail writes for it.
+// compared. Each changed line is followed by what the detail writer writes
+// for it.
 
 #include <cstdint>
+#include <cstdio>
+
+#include "inventory/filenode.h"
+#include "support/bintree.h"
 
 inline constexpr const char kDeletedFormat[] = "D;%s;%s;%ld;%ld; %s; %s;\n";
 inline constexpr const char kAddedFormat[] = "A;%s;%s;%ld;%ld; %s; %s;\n";
 inline constexpr const char kChangedFormat[] = "C;%s;%s;%ld;%ld; %s; %s;\n";
 
-// WalkBintree visitor over OldFileTree; arg is the report FILE*. Writes the
-// "D" line of a record whose path is not in FileTree. Returns 0.
+// Writes the detail block of a changed file (the SCM history and differences)
+// to the report, right after its "C" line.
+using DetailWriter = void (*)(uint32_t scm_type, FILE* report, FileNode* current,
+                              FileNode* earlier);
+
+// What one change report is made of. A null header text leaves its line out;
+// build_label is always written. A null detail writer writes no blocks.
+struct ChangeReport {
+  FILE* stream = nullptr;
+  const char* scm_type_text = nullptr;  // "SCMType=%s"
+  const char* machine = nullptr;        // "MachineName=%s"
+  const char* build_label = "";         // "BuildLabel=%s"
+  const char* build_number = nullptr;   // "BuildNumber=%s"
+  Bintree* now = nullptr;               // files found by this run
+  Bintree* before = nullptr;            // files of the earlier inventory
+  uint32_t scm_type = 0;                // handed to the detail writer
+  DetailWriter detail = nullptr;
+};
+
+// Writes the header, prints "Determining Deleted Files", writes the deleted
+// records (walk of `before`), prints "Determining Added and Changed Files"
+// and writes the added and changed records (walk of `now`).
+void WriteChangeReport(const ChangeReport& report);
+
+// WalkBintree visitor over report.before; arg is the ChangeReport. Writes the
+// "D" line of a record whose path is not in report.now. Returns 0.
 int Deleted(void* record, uint32_t depth, void* arg);
-// WalkBintree visitor over FileTree; arg is the report FILE*. Writes the "A"
-// line of a record whose path is not in OldFileTree, or the "C" line (with
-// the current values) of a changed one followed by GetDetail(SCMType,
-// report, current, earlier). Returns 0.
+// WalkBintree visitor over report.now; arg is the ChangeReport. Writes the
+// "A" line of a record whose path is not in report.before, or the "C" line
+// (with the current values) of a changed one followed by its detail block.
+// Returns 0.
 int AddedAndChanged(void* record, uint32_t depth, void* arg);

@@ -1,7 +1,8 @@
 #pragma once
 // Owning handles for POSIX resources. Each releases what it holds on
-// destruction; files we write should still be closed explicitly (Close())
-// so that late write errors are seen.
+// destruction. A file we write is closed with an explicit fclose (or through
+// PendingOutput::Finish) whose result is checked: the destructor's close
+// cannot report a late write error.
 
 #include <dirent.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 struct FileCloser {
   void operator()(FILE* f) const noexcept { std::fclose(f); }
@@ -86,3 +88,17 @@ class ScopedChdir {
   std::string saved_;
   bool ok_ = false;
 };
+
+// Handles kept open until the process ends, for the few that are held on
+// purpose (an inventory that was read, a lock given up on): they are released
+// with the other static objects at exit. The list of one handle type can be
+// cleared early by a process that must not accumulate them.
+template <class Handle>
+std::vector<Handle>& HeldUntilExit() {
+  static std::vector<Handle> held;
+  return held;
+}
+template <class Handle>
+void HoldUntilExit(Handle handle) {
+  HeldUntilExit<Handle>().push_back(std::move(handle));
+}

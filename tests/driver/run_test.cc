@@ -87,8 +87,8 @@ TEST(FileCopy, CopiesEveryByteOrFailsAfterTheLockRetries) {
     EXPECT_EQ(file_copy(src.c_str(), locked.c_str()), result);
     EXPECT_EQ(pauses, count);
     EXPECT_EQ(last_seconds, 2u);
-    // On failure the destination was truncated and nothing copied; after the
-    // 101st attempt the copy's own handle keeps the lock.
+    // On failure the destination is left as it was; after the 101st attempt
+    // the copy's own handle keeps the lock. A copy replaces the locked file.
     EXPECT_EQ(wltest::ReadFile(locked), result ? "" : content);
     EXPECT_EQ(LockedElsewhere(locked), result == 1);
   }

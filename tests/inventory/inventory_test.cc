@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "driver/settings.h"
 #include "testlib/inventory_fixtures.h"
 #include "testlib/testlib.h"
 
@@ -98,11 +97,9 @@ TEST(LoadFileTree, SaysWhatItLoadsAndWhatItCannotOpen) {
 }
 
 std::string Find(const TempDir& dir, const char* work_dir, const char* pattern) {
-  WorkDir = work_dir;
   wltest::ScopedCwd cwd(dir.path());
   std::string buffer = pattern;
-  FindOldFileName("T-M-x.bom.data", buffer);
-  ResetSettings();
+  FindOldFileName("T-M-x.bom.data", buffer, work_dir);
   return buffer;
 }
 

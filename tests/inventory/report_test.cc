@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "driver/settings.h"
 #include "testlib/inventory_fixtures.h"
+#include "testlib/testlib.h"
 
 namespace {
 
@@ -16,21 +16,26 @@ using wltest::ScopedFileTree;
 const std::string kA = "aaaaaaaa" + std::string(24, '0');
 const std::string kB = "bbbbbbbb" + std::string(24, '0');
 
-// The record lines of a run's report: deleted, then added and changed
-// (SCMType stays 0: no detail lines).
+// The lines of a run's report after its header: deleted, then added and
+// changed, each changed one followed by the detail writer's block.
 std::string Report(const ScopedFileTree& before, const ScopedFileTree& now) {
-  FileTree = now.get();
-  OldFileTree = before.get();
   char* buf = nullptr;
   size_t len = 0;
-  FILE* f = open_memstream(&buf, &len);
-  WalkBintree(OldFileTree, Deleted, f);
-  WalkBintree(FileTree, AddedAndChanged, f);
-  std::fclose(f);
+  ChangeReport report;
+  report.stream = open_memstream(&buf, &len);
+  report.now = now.get();
+  report.before = before.get();
+  report.scm_type = 16;
+  report.detail = [](uint32_t scm_type, FILE* out, FileNode* current, FileNode* earlier) {
+    std::fprintf(out, "detail %u %s %s\n", scm_type, current->path, earlier->path);
+  };
+  wltest::CaptureStdout progress;
+  WriteChangeReport(report);
+  EXPECT_EQ(progress.Take(), "Determining Deleted Files\nDetermining Added and Changed Files\n");
+  std::fclose(report.stream);
   std::string out(buf, len);
   std::free(buf);
-  FileTree = OldFileTree = nullptr;
-  return out;
+  return out.substr(out.find("BuildLabel=\n") + 12);
 }
 
 TEST(Report, TheComparisonRule) {
@@ -55,8 +60,30 @@ TEST(Report, TheComparisonRule) {
     ScopedFileTree before, now;
     before.Add("/w", "f", 1, c.old_digest, c.old_version);
     now.Add("/w", "f", 2, c.new_digest, c.new_version);
-    std::string want = "C;/w;f;2;2; " + c.new_digest + "; " + c.new_version + ";\n";
+    std::string want =
+        "C;/w;f;2;2; " + c.new_digest + "; " + c.new_version + ";\ndetail 16 /w/f /w/f\n";
     EXPECT_EQ(Report(before, now), c.changed ? want : "") << c.what;
+  }
+}
+
+TEST(Report, Header) {
+  char* buf = nullptr;
+  size_t len = 0;
+  ScopedFileTree empty;
+  ChangeReport report;
+  report.now = report.before = empty.get();
+  for (const char* number : {static_cast<const char*>(nullptr), "7"}) {
+    report.stream = open_memstream(&buf, &len);
+    report.scm_type_text = number ? "SVN" : nullptr;
+    report.machine = number ? "m" : nullptr;
+    report.build_label = number ? "L 1" : "";
+    report.build_number = number;
+    wltest::CaptureStdout progress;
+    WriteChangeReport(report);
+    std::fclose(report.stream);
+    EXPECT_EQ(std::string(buf, len),
+              number ? "SCMType=SVN\nMachineName=m\nBuildLabel=L 1\nBuildNumber=7\n" : "BuildLabel=\n");
+    std::free(buf);
   }
 }
 
