@@ -3,7 +3,7 @@
 # need, when any is missing. Needs root (apt-get); otherwise it only names
 # what is missing.
 set -eu
-packages="cmake g++ make libgtest-dev subversion cvs python3 perl"
+packages="cmake g++ make ninja-build libgtest-dev subversion cvs python3 perl"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing="$missing $p"
