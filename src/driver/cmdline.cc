@@ -1,7 +1,5 @@
 #include "driver/cmdline.h"
 
-#include <sys/stat.h>
-
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "driver/input.h"
 #include "driver/settings.h"
 #include "support/handles.h"
 #include "support/strings.h"
@@ -106,12 +105,12 @@ bool ReadPiece(FILE* file, std::string& piece, size_t& consumed) {
 // Reads the response file's words into `words`. Prints its own message when
 // it refuses.
 Collect ReadResponseFile(const char* name, WordList& words) {
-  UniqueFile file(std::fopen(name, "r"));
-  // A directory opens for reading on this system but yields no lines; it is
-  // refused as a file that cannot be opened.
-  struct stat st;
-  if (file && fstat(fileno(file.get()), &st) == 0 && S_ISDIR(st.st_mode))
-    file.reset();
+  InputStatus status;
+  UniqueFile file = OpenInputFile(name, status);
+  if (status == InputStatus::kRefused) {
+    std::printf(kResponseFileRefusedFormat, name);
+    return Collect::kRefused;
+  }
   if (!file) {
     std::printf(kResponseOpenFormat, name);
     return Collect::kRefused;
@@ -120,8 +119,8 @@ Collect ReadResponseFile(const char* name, WordList& words) {
   std::string line;
   size_t total = 0;
   while (ReadPiece(file.get(), line, total)) {
-    if (total > kMaxResponseFileBytes) {
-      std::printf(kResponseFileTooLargeFormat, name);
+    if (total > kMaxInputFileBytes) {
+      std::printf(kResponseFileRefusedFormat, name);
       return Collect::kRefused;
     }
     constexpr const char* kDelims = "\n\r ";

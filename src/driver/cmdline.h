@@ -6,8 +6,9 @@
 // "@file" (its words first), then from the other arguments ('@' arguments
 // dropped). The list of words holds kMaxWords entries, the program name
 // included; a command line that collects more is refused with
-// kTooManyWordsMessage, and a response file longer than
-// kMaxResponseFileBytes with kResponseFileTooLargeFormat.
+// kTooManyWordsMessage. The response file must be a regular file of at most
+// kMaxInputFileBytes (driver/input.h); anything else is refused with
+// kResponseFileRefusedFormat.
 
 #include <cstddef>
 
@@ -16,19 +17,15 @@ inline constexpr size_t kMaxWords = 200;
 // Response files are read in pieces of at most this many characters; a longer
 // line arrives in pieces, each treated as a line of its own.
 inline constexpr size_t kResponseLineChars = 999;
-// Bytes read from a response file before it is refused as too large. Legal
-// files are far smaller (kMaxWords words); the bound keeps an endless stream
-// of blank lines (a device, a pipe) from holding the run forever.
-inline constexpr size_t kMaxResponseFileBytes = 64u * 1024u * 1024u;
 
 // Printed (one line) when the command line collects more than kMaxWords - 1
 // words.
 inline constexpr const char* kTooManyWordsMessage =
     "Too many words on the command line: at most 199 are accepted.";
-// Printed with the response file's name when it is larger than
-// kMaxResponseFileBytes.
-inline constexpr const char* kResponseFileTooLargeFormat =
-    "Response file %s is too large: at most 67108864 bytes are read.\n";
+// Printed with the response file's name when it is not a regular file of at
+// most kMaxInputFileBytes (also when it grows past that while read).
+inline constexpr const char* kResponseFileRefusedFormat =
+    "Response file %s is not a regular file of at most 16777216 bytes.\n";
 
 // The version text of the banner.
 inline constexpr const char* kVersionText = "7.5.1 Build 10142020";

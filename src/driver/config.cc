@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/input.h"
 #include "support/handles.h"
 #include "support/paths.h"
 #include "support/strings.h"
@@ -20,13 +21,35 @@ constexpr const char* kPropertyFileName = "wlenvironment.properties";
 constexpr const char* kHomePropertyFile = "/.weftlane/wlenvironment.properties";
 constexpr const char* kSubmitProgram = "wlsubmit";
 
+constexpr const char* kPropertyFileRefusedFormat =
+    "Property file %s is not a regular file of at most 16777216 bytes: it is ignored.\n";
+
+// A property file opened for reading, with the bytes read so far.
+struct PropertyFile {
+  UniqueFile file;
+  size_t consumed = 0;
+};
+
+// Opens a property file; one that is not a regular file of at most
+// kMaxInputFileBytes is named and treated like a missing one.
+PropertyFile OpenPropertyFile(const std::string& path) {
+  InputStatus status;
+  PropertyFile in{OpenInputFile(path.c_str(), status)};
+  if (status == InputStatus::kRefused)
+    std::printf(kPropertyFileRefusedFormat, path.c_str());
+  return in;
+}
+
 // Reads one piece of at most kPropertyLineChars characters, ending early
 // after a '\n' (what fgets gives with a buffer one byte larger). A NUL byte
-// ends the text of its piece. False at end of file with nothing read.
-bool ReadPropertyLine(FILE* file, std::string& piece) {
+// ends the text of its piece. False at end of file with nothing read, and
+// once kMaxInputFileBytes have been read (a file that keeps growing).
+bool ReadPropertyLine(PropertyFile& in, std::string& piece) {
   piece.clear();
   int c;
-  while (piece.size() < static_cast<size_t>(kPropertyLineChars) && (c = std::getc(file)) != EOF) {
+  while (piece.size() < static_cast<size_t>(kPropertyLineChars) &&
+         in.consumed < kMaxInputFileBytes && (c = std::getc(in.file.get())) != EOF) {
+    ++in.consumed;
     piece += static_cast<char>(c);
     if (c == '\n')
       break;
@@ -71,13 +94,8 @@ std::vector<std::string> PathElements(const char* path, const char* separators) 
   return out;
 }
 
-bool CanOpenForReading(const std::string& path) {
-  UniqueFile f(std::fopen(path.c_str(), "r"));
-  return f != nullptr;
-}
-
-// Looks for program in PATH's elements; the first readable candidate is
-// returned (separators converted), or an empty text.
+// Looks for program in PATH's elements; the first candidate that is a
+// regular file we may read and run is returned (separators converted), or an empty text.
 std::string SearchPath(const char* program, const char* separators) {
   // An unset PATH is searched as an empty one: nothing is found there.
   const char* path = std::getenv("PATH");
@@ -86,7 +104,7 @@ std::string SearchPath(const char* program, const char* separators) {
   for (const std::string& element : PathElements(path, separators)) {
     std::string candidate = element + "/" + program;
     ReplaceSlash(candidate);
-    if (CanOpenForReading(candidate))
+    if (IsProgramFile(candidate.c_str()))
       return candidate;
   }
   return {};
@@ -125,8 +143,8 @@ char* LoadConfigEnv() {
     SplitPath(submit, drive, dir, base, ext);
     // The directory already ends in '/', so the name carries a doubled slash.
     path = drive + dir + "/" + kPropertyFileName;
-    if (UniqueFile f{std::fopen(path.c_str(), "r")}) {
-      while (maxConfigEnv < kMaxConfigEnv && ReadPropertyLine(f.get(), line)) {
+    if (PropertyFile in = OpenPropertyFile(path); in.file) {
+      while (maxConfigEnv < kMaxConfigEnv && ReadPropertyLine(in, line)) {
         SplitProperty(line, name, value);
         AddEntry(name, value, names);
       }
@@ -140,8 +158,8 @@ char* LoadConfigEnv() {
     path = std::string(home) + kHomePropertyFile;
 
   char* list = nullptr;
-  if (UniqueFile f{path.empty() ? nullptr : std::fopen(path.c_str(), "r")}) {
-    while (maxConfigEnv < kMaxConfigEnv && ReadPropertyLine(f.get(), line)) {
+  if (PropertyFile in = path.empty() ? PropertyFile{} : OpenPropertyFile(path); in.file) {
+    while (maxConfigEnv < kMaxConfigEnv && ReadPropertyLine(in, line)) {
       SplitProperty(line, name, value);
       int found = -1;
       for (int i = 0; i < maxConfigEnv; ++i) {
@@ -181,7 +199,7 @@ int PgmWithPath(const char* program, char** found_ref, int verbose) {
     std::printf("Searching for %s\n", program);
   const char* separators = path && std::strchr(path, ';') ? ";" : ":;";
 
-  if (CanOpenForReading(program)) {
+  if (IsProgramFile(program)) {
     std::string drive, dir, name, ext;
     SplitPath(program, drive, dir, name, ext);
     std::string found = program;
@@ -211,7 +229,7 @@ int PgmFound(const char* program, int verbose) {
     std::printf("Searching for %s\n", program);
   const char* separators = path && std::strchr(path, ';') ? ";" : ":";
 
-  if (CanOpenForReading(program)) {
+  if (IsProgramFile(program)) {
     if (verbose)
       std::printf("Found %s\n", program);
     return 1;

@@ -9,6 +9,11 @@
 // each taken as a line. There are no comments and blank lines are not
 // skipped (they make an entry with an empty name).
 //
+// A property file must be a regular file of at most kMaxInputFileBytes
+// (driver/input.h); anything else is named in one line ("Property file %s is
+// not a regular file of at most 16777216 bytes: it is ignored.") and treated
+// like a missing file. At most kMaxInputFileBytes are read from a file.
+//
 // The table holds at most kMaxConfigEnv entries; further lines are ignored.
 // It is loaded once per process (GetEnv or SetLocalWLEnvironment on first
 // use) and released by CleanConfigEnv, after which it must not be searched
@@ -33,7 +38,8 @@ const char* GetEnv(const char* name);
 // "<dir>/wlenvironment.properties", then $HOME/.weftlane/wlenvironment.properties,
 // whose entries replace same-named ones (keeping their position). Returns a
 // safe string listing the names added, separated by ';' with trailing ';'
-// removed; the caller frees it with safe_free. Prints nothing.
+// removed; the caller frees it with safe_free. Prints nothing unless a file
+// is refused.
 char* LoadConfigEnv();
 
 // Release every entry's name and value (each becomes null). The count is
@@ -45,7 +51,8 @@ void CleanConfigEnv();
 void ResetConfigEnv();
 
 // Search for program: first as given (relative to the current directory or
-// absolute), then in each element of PATH. PATH elements are separated by
+// absolute), then in each element of PATH. A candidate counts only when it
+// is a regular file this process may read and run (IsProgramFile). PATH elements are separated by
 // ';' when PATH holds one, otherwise by ':' or ';'. An unset PATH is treated
 // as empty: only the program as given is tried. On success *found_ref
 // receives a safe string with the path (absolute when found as given; the

@@ -1,4 +1,5 @@
 #include "driver/cmdline.h"
+#include "driver/input.h"
 
 #include <gtest/gtest.h>
 
@@ -142,7 +143,7 @@ TEST_F(ParseParmsTest, ResponseFiles) {
        Echoed("-lj \"job\" " + kLd + " -lm \"box\"")},  // file words come first
       {{"@missing"}, {}, 0, "<null>", "Could not open response file missing\n"},
       {{"@"}, {}, 0, "<null>", "Could not open response file \n"},
-      {{"@."}, {}, 0, "<null>", "Could not open response file .\n"},  // a directory
+      {{"@."}, {}, 0, "<null>", "Response file . is not a regular file of at most 16777216 bytes.\n"},
       {{"@resp"}, "", 0, "<null>", kUsage},
       {{"@resp"}, "-V\n", 1, "<null>", kBanner},
       {{"@resp"}, std::string("-lj job\0 -lm hidden\n", 20) + "-ld x", 0, "job",
@@ -156,7 +157,11 @@ TEST_F(ParseParmsTest, ResponseFiles) {
       {{"@resp", "-s"}, limit, 1, "j", {}},
       {{"@resp", "-s", "-s"}, limit, 0, "<null>", std::string(kTooManyWordsMessage) + "\n"},
       {{"@/dev/zero"}, {}, 0, "<null>",
-       "Response file /dev/zero is too large: at most 67108864 bytes are read.\n"},
+       "Response file /dev/zero is not a regular file of at most 16777216 bytes.\n"},
+      // 16 MiB are read; one byte more is refused.
+      {{"@resp"}, "-lj big -ld x\n" + std::string(kMaxInputFileBytes - 14, ' '), 0, "big", {}},
+      {{"@resp"}, "-lj big -ld x\n" + std::string(kMaxInputFileBytes - 13, ' '), 0, "<null>",
+       "Response file resp is not a regular file of at most 16777216 bytes.\n"},
   };
   // clang-format on
   for (const auto& [args, content, result, job, want] : cases) {

@@ -1,6 +1,10 @@
 #include "driver/config.h"
+#include "driver/input.h"
 
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -108,16 +112,57 @@ TEST_F(ConfigTest, ProgramSearch) {
     EXPECT_EQ(Str(found), found_it ? other + "/tool" : "<null>");
     safe_free(&found);
   }
-  // A name that opens as given is taken from the current directory first,
-  // and a wlsubmit found there brings the property file beside it.
-  wltest::WriteFile(dir_ / "here/prog", "x");
-  wltest::WriteFile(dir_ / "here/wlsubmit", "x");
+  // Only a regular file we may run counts: not a plain file, a FIFO or a
+  // directory of that name.
+  wltest::WriteFile(other + "/plain", "x");
+  ASSERT_EQ(mkfifo((other + "/fifo").c_str(), 0700), 0);
+  wltest::MakeDirs(other + "/dir");
+  wltest::ScopedEnv env("PATH", other);
+  for (const char* name : {"plain", "fifo", "dir"})
+    EXPECT_EQ(PgmFound(name, 0), 0) << name;
+  // A name found as given is taken from the current directory first, and a
+  // wlsubmit found there brings the property file beside it.
+  wltest::WriteScript(dir_ / "here", "prog", "x");
+  wltest::WriteScript(dir_ / "here", "wlsubmit", "x");
   wltest::WriteFile(dir_ / "here/wlenvironment.properties", "HERE=1\n");
   wltest::ScopedCwd cwd(dir_ / "here");
   wltest::CaptureStdout cap;
   EXPECT_EQ(PgmFound("prog", 1) + PgmFound("nothere", 1), 1);
   EXPECT_EQ(cap.Take(), "Searching for prog\nFound prog\nSearching for nothere\n");
   EXPECT_EQ(Load(), "HERE\nHERE=1");
+}
+
+TEST_F(ConfigTest, OnlyRegularPropertyFilesOfAtMost16MiB) {
+  const std::string file = home_ + "/.weftlane/wlenvironment.properties";
+  const std::string refused =
+      "Property file " + file + " is not a regular file of at most 16777216 bytes: it is ignored.\n";
+  const std::string fill = "\n" + std::string(kMaxInputFileBytes - 5, 'x');  // "A=1" fill "\n"
+  // clang-format off
+  const std::pair<std::string, std::string> cases[] = {  // kind, what is printed
+      {"fifo", refused}, {"dir", refused}, {"zero", refused},
+      {"n", ""}, {"n+1", refused},  // 16 MiB are read, one byte more is refused
+  };
+  // clang-format on
+  for (const auto& [kind, printed] : cases) {
+    SCOPED_TRACE(kind);
+    ResetConfigEnv();
+    unlink(file.c_str());
+    rmdir(file.c_str());
+    wltest::MakeDirs(home_ + "/.weftlane");
+    if (kind == "fifo")
+      ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    else if (kind == "dir")
+      wltest::MakeDirs(file);
+    else if (kind == "zero")
+      ASSERT_EQ(symlink("/dev/zero", file.c_str()), 0);
+    else
+      HomeFile("A=1" + fill + (kind == "n" ? "\n" : "\n\n"));
+    wltest::CaptureStdout cap;
+    char* names = LoadConfigEnv();
+    safe_free(&names);
+    EXPECT_EQ(cap.Take(), printed);
+    EXPECT_EQ(GetEnv("A") != nullptr, printed.empty());
+  }
 }
 
 }  // namespace
