@@ -87,10 +87,8 @@ class DigestStream {
 
   // True when path was opened and examined; status() then holds its fstat
   // (and keeps it after Close). A relative path is taken relative to the
-  // directory descriptor dir_fd (AT_FDCWD: the current directory). The
-  // stream uses `buffer` (kDigestStdioBufferSize bytes, which must outlive
-  // the stream) when given, else a buffer of its own.
-  bool Open(const char* path, int dir_fd = kCurrentDirectory, char* buffer = nullptr);
+  // directory descriptor dir_fd (AT_FDCWD: the current directory).
+  bool Open(const char* path, int dir_fd = kCurrentDirectory);
   FILE* get() const { return file_; }
   const struct stat& status() const { return status_; }
   // Close the stream (if open) and free its own buffer.
@@ -105,38 +103,57 @@ class DigestStream {
   struct stat status_ {};
 };
 
-// Digests several files at once for the directory scan. Each file still goes
-// through exactly the procedure above (same work area, same 1,024-byte reads);
-// only the transforms of up to eight files are computed side by side, because
-// a single file's transform chain is too sequential to keep the processor
-// busy. Results are identical to md_filename's.
-//
-// Add() opens a file and queues it; when all lanes are busy it first digests
-// until a lane is free. Finish() (also run by the destructor) completes every
-// queued file. For each file, `done` is called exactly once, in completion
-// order (not necessarily the order of Add), with the digest text, the fstat
-// of the open file and mdfile's result (0, or -1 after a read error).
-class DigestBatch {
+// The procedure fed with pieces of a file's content as mdfile feeds it:
+// 1,024-byte pieces, only the last one shorter. A full piece is transformed
+// without copying its blocks (the conversion leaves only the first four bytes
+// of each block and the first 64 bytes of the piece to look at); the result
+// equals mdfile's over the same bytes.
+class PieceDigest {
  public:
-  using Done = void (*)(void* target, const char* digest_text, const struct stat& status,
-                        int read_result);
-  explicit DigestBatch(Done done);
-  ~DigestBatch();
-  DigestBatch(const DigestBatch&) = delete;
-  DigestBatch& operator=(const DigestBatch&) = delete;
-
-  // False when path cannot be opened as a DigestStream (relative paths are
-  // taken relative to dir_fd): nothing is queued and `done` is not called for
-  // it. The file is opened before Add returns, so dir_fd may be closed after.
-  bool Add(const char* path, void* target, int dir_fd = DigestStream::kCurrentDirectory);
-  void Finish();
-
-  struct Impl;
+  void Begin();
+  // n <= kMd5ReadSize; only the last piece may be shorter.
+  void Piece(const unsigned char* data, size_t n);
+  void End(unsigned char out[16]);
 
  private:
-  std::unique_ptr<Impl> impl_;
+  Md5WorkArea area_;
 };
 
-// For tests: run DigestBatch on the portable transform kernel (true), or on
-// the fastest one this processor supports (false, the default).
-void UsePortableDigestKernel(bool portable);
+// A read buffer for whole-file digests: a multiple of the piece size, so that
+// every read but the last ends on a piece boundary.
+class ReadBuffer {
+ public:
+  static constexpr size_t kSize = 256 * 1024;
+  ReadBuffer() : bytes_(new unsigned char[kSize]) {}
+  unsigned char* data() const { return bytes_.get(); }
+  static constexpr size_t size() { return kSize; }
+
+ private:
+  std::unique_ptr<unsigned char[]> bytes_;
+};
+
+// The result of digesting an open file.
+struct DescriptorDigest {
+  char text[33];        // print_digest of the digest
+  struct stat status;   // fstat of the descriptor
+  int read_result;      // 0, or -1 after a read error (the digest is kept)
+};
+
+// How much to read next of a file whose fstat is `status` after `done`
+// bytes, at most `capacity`: a regular file of known size is read up to the
+// size seen at open and no further (0 when that is reached, so no read is
+// spent on finding the end); anything else is read until a read returns 0.
+size_t NextReadSize(const struct stat& status, uint64_t done, size_t capacity);
+// read() until `want` bytes, end of file or an error (then *failed is set);
+// retries interrupted reads. Returns the bytes read.
+size_t ReadFully(int fd, unsigned char* buffer, size_t want, bool* failed);
+// fstat of fd into *status; true for a regular file or a directory (a
+// directory reads as a read error, as a stream on it does). Anything else
+// (FIFO, device, socket) is refused with *status zeroed, so that no digest
+// can block or read forever.
+bool IsDigestible(int fd, struct stat* status);
+// Digest of the open file fd (not closed here) through `buffer`, equal to
+// what md_filename gives for the same content. False, with nothing read,
+// when IsDigestible refuses it.
+bool DigestDescriptor(int fd, DescriptorDigest* result, ReadBuffer& buffer);
+

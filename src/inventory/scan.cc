@@ -3,12 +3,15 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "inventory/digest.h"
+#include "inventory/digest_workers.h"
 #include "inventory/filenode.h"
 #include "support/handles.h"
 #include "support/paths.h"
@@ -21,13 +24,27 @@ namespace {
 // directories (and then fail to open as one).
 constexpr mode_t kDirectoryBit = 0x4000;
 
-// Makes the record of curDir/entryName and links it into tree; null when the
-// key is already present (the new record is then released). `full` receives
-// the file's path with forward slashes.
-FileNode* LinkRecord(Bintree* tree, const char* rootDir, const char* curDir, const char* entryName,
-                     std::string& full) {
-  full.assign(curDir).append("/").append(entryName);
-  ReplaceSlash(full);
+// Directory descriptors kept open along the current path. Deeper ancestors
+// are closed and opened again on the way back up, so depth costs no
+// descriptors beyond these.
+constexpr size_t kOpenAncestors = 8;
+
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
+// O_NONBLOCK so that opening a FIFO reached through a link cannot wait for a
+// writer (the digest refuses it right after).
+constexpr int kFileFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+bool OutOfDescriptors(int err) { return err == EMFILE || err == ENFILE; }
+
+std::string Slashed(const std::string& name) {
+  std::string out = name;
+  ReplaceSlash(out);
+  return out;
+}
+
+// Makes the record of key `full` and links it into tree; null when the key is
+// already present (the new record is then released).
+FileNode* LinkRecord(Bintree* tree, const char* rootDir, const std::string& full) {
   FileNode* node = NewFileNode(full.c_str());
   if (InsBintree(tree, node) != 0) {
     FreeFileNode(node);
@@ -42,72 +59,219 @@ FileNode* LinkRecord(Bintree* tree, const char* rootDir, const char* curDir, con
   return node;
 }
 
-void StoreDigest(FileNode* node, const char* digest_text, const struct stat& status) {
-  safe_cpy(&node->digest, digest_text);
-  node->mtime = static_cast<int64_t>(status.st_mtime);
-  node->size = static_cast<int64_t>(status.st_size);
-}
+struct Entry {
+  std::string name;
+  unsigned char type;  // d_type; DT_UNKNOWN when the listing does not say
+};
 
-void StoreBatchDigest(void* target, const char* digest_text, const struct stat& status,
-                      int /*read_result: a read error still stores the digest*/) {
-  StoreDigest(static_cast<FileNode*>(target), digest_text, status);
-}
+// One directory on the current path of the walk.
+struct Frame {
+  std::string open_name;  // how it was opened relative to its parent
+  size_t key_length = 0;  // length of its key text in Walk::dir_
+  std::vector<Entry> entries;
+  size_t next = 0;
+  UniqueFd fd;  // -1 while closed to save descriptors
+  dev_t dev = 0;
+  ino_t ino = 0;
+  // The status the previous entry left: a failed status query keeps it.
+  mode_t mode = 0;
+  bool lost = false;  // could not be opened again: the rest is skipped
+};
 
-// Opens dir for looking up its entries: a short relative lookup per entry
-// instead of a walk of the whole path. -1 when it cannot be opened; the
-// entries are then looked up by their full paths.
-int OpenDirectoryHandle(const std::string& dir) {
-  return open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-}
+class Walk {
+ public:
+  Walk(const char* rootDir, Bintree* tree, DigestWorkers& workers)
+      : root_(rootDir), tree_(tree), workers_(workers) {}
 
-int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, DigestBatch& batch) {
-  std::string dir(curDir);
-  ReplaceSlash(dir);
+  // Scans start (with backslashes already turned into "/"); 1 when a file of
+  // start itself was recorded.
+  int Run(const std::string& start);
 
-  std::vector<std::string> names;
-  {
-    UniqueDir listing(opendir(dir.c_str()));
-    if (!listing)
-      return 0;
-    while (dirent* entry = readdir(listing.get()))
-      names.emplace_back(entry->d_name);
+ private:
+  int OpenAt(int dir_fd, const char* name, int flags);
+  bool Push(int fd, const std::string& open_name, const std::string& key_part);
+  void Pop();
+  bool EnsureOpen(size_t level);
+  mode_t Classify(Frame& frame, const Entry& entry);
+  void RecordFile(Frame& frame, const Entry& entry);
+  void EnterDirectory(Frame& frame, const Entry& entry);
+
+  const char* root_;
+  Bintree* tree_;
+  DigestWorkers& workers_;
+  std::vector<Frame> stack_;
+  std::string dir_;  // key text of the directory on top of the stack
+  std::string full_;
+};
+
+// openat that, when descriptors run out, waits for the digest workers to
+// close theirs and tries once more.
+int Walk::OpenAt(int dir_fd, const char* name, int flags) {
+  int fd = openat(dir_fd, name, flags);
+  if (fd < 0 && OutOfDescriptors(errno)) {
+    workers_.Finish();
+    fd = openat(dir_fd, name, flags);
   }
-  // Held only while this directory's own entries are examined: it is closed
-  // before each descent and opened again after, so depth costs no
-  // descriptors.
-  UniqueFd dir_fd(OpenDirectoryHandle(dir));
+  return fd;
+}
 
+// Lists the directory open as fd and makes it the top of the stack. False
+// (fd closed) when it cannot be listed.
+bool Walk::Push(int fd, const std::string& open_name, const std::string& key_part) {
+  UniqueFd dir_fd(fd);
+  struct stat status;
+  if (fstat(dir_fd.get(), &status) != 0)
+    return false;
+  int list_fd = fcntl(dir_fd.get(), F_DUPFD_CLOEXEC, 0);
+  if (list_fd < 0 && OutOfDescriptors(errno)) {
+    workers_.Finish();
+    list_fd = fcntl(dir_fd.get(), F_DUPFD_CLOEXEC, 0);
+  }
+  if (list_fd < 0)
+    return false;
+  UniqueDir listing(fdopendir(list_fd));
+  if (!listing) {
+    close(list_fd);
+    return false;
+  }
+  Frame frame;
+  errno = 0;
+  while (dirent* entry = readdir(listing.get())) {
+    const char* name = entry->d_name;
+    // "." and ".." begin with "." and are directories: never descended into.
+    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+      continue;
+    frame.entries.push_back({name, entry->d_type});
+  }
+  listing.reset();
+  frame.open_name = open_name;
+  frame.dev = status.st_dev;
+  frame.ino = status.st_ino;
+  frame.fd = std::move(dir_fd);
+  if (!stack_.empty())
+    dir_.append("/").append(key_part);
+  frame.key_length = dir_.size();
+  stack_.push_back(std::move(frame));
+  if (stack_.size() > kOpenAncestors)
+    stack_[stack_.size() - 1 - kOpenAncestors].fd.Reset();
+  return true;
+}
+
+// Leaves the top directory; its parent's descriptor is opened again first if
+// it was closed (through "..", checked to be the same directory, else by
+// names from the nearest open ancestor).
+void Walk::Pop() {
+  size_t parent = stack_.size() - 2;
+  if (stack_.size() >= 2 && stack_[parent].fd.get() < 0 && !stack_[parent].lost &&
+      stack_.back().fd.get() >= 0) {
+    UniqueFd up(OpenAt(stack_.back().fd.get(), "..", kDirectoryFlags & ~O_NOFOLLOW));
+    struct stat status;
+    if (up.get() >= 0 && fstat(up.get(), &status) == 0 && status.st_dev == stack_[parent].dev &&
+        status.st_ino == stack_[parent].ino)
+      stack_[parent].fd = std::move(up);
+  }
+  stack_.pop_back();
+  if (!stack_.empty())
+    dir_.resize(stack_.back().key_length);
+}
+
+// Makes sure the directory at `level` has an open descriptor, opening it by
+// names from the nearest open ancestor if needed. False when that fails (the
+// directory was moved or removed meanwhile).
+bool Walk::EnsureOpen(size_t level) {
+  Frame& frame = stack_[level];
+  if (frame.fd.get() >= 0)
+    return true;
+  if (frame.lost)
+    return false;
+  size_t base = level;
+  while (base > 0 && stack_[base - 1].fd.get() < 0)
+    --base;
+  for (size_t i = base; i <= level; ++i) {
+    int parent_fd = i == 0 ? AT_FDCWD : stack_[i - 1].fd.get();
+    int flags = i == 0 ? kDirectoryFlags & ~O_NOFOLLOW : kDirectoryFlags;
+    UniqueFd fd(OpenAt(parent_fd, stack_[i].open_name.c_str(), flags));
+    struct stat status;
+    if (fd.get() < 0 || fstat(fd.get(), &status) != 0 || status.st_dev != stack_[i].dev ||
+        status.st_ino != stack_[i].ino) {
+      frame.lost = true;
+      return false;
+    }
+    stack_[i].fd = std::move(fd);
+    // Keep within the budget while going down the chain.
+    if (i >= 1 && i - 1 + kOpenAncestors < stack_.size())
+      stack_[i - 1].fd.Reset();
+  }
+  return true;
+}
+
+// The entry's mode as far as the scan looks at it. The listing's type is
+// the entry's type when it was listed; only where the listing does not say
+// is the entry examined (without following links), and a failed examination
+// keeps the previous entry's status.
+mode_t Walk::Classify(Frame& frame, const Entry& entry) {
+  if (entry.type != DT_UNKNOWN) {
+    frame.mode = DTTOIF(entry.type);
+  } else {
+    struct stat status;
+    if (EnsureOpen(stack_.size() - 1) &&
+        fstatat(frame.fd.get(), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+      frame.mode = status.st_mode;
+  }
+  return frame.mode;
+}
+
+void Walk::RecordFile(Frame& frame, const Entry& entry) {
+  const bool plain_name = entry.name.find('\\') == std::string::npos;
+  const std::string& name = plain_name ? entry.name : Slashed(entry.name);
+  full_.assign(dir_).append("/").append(name);
+  FileNode* node = LinkRecord(tree_, root_, full_);
+  if (!node)
+    return;
+  // FIFOs and devices are never opened: the record keeps its empty digest
+  // and zero numbers, as when a file cannot be opened. A name with a
+  // backslash is opened by its key (which names another path, or none).
+  if (plain_name && (S_ISFIFO(frame.mode) || S_ISCHR(frame.mode)))
+    return;
+  if (!EnsureOpen(stack_.size() - 1))
+    return;
+  UniqueFd fd(OpenAt(frame.fd.get(), name.c_str(), kFileFlags));
+  if (fd.get() >= 0)
+    workers_.Submit(std::move(fd), node);
+}
+
+void Walk::EnterDirectory(Frame& frame, const Entry& entry) {
+  if (!EnsureOpen(stack_.size() - 1))
+    return;
+  // A name with a backslash is entered as the path its key names.
+  std::string key_part = Slashed(entry.name);
+  int fd = OpenAt(frame.fd.get(), key_part.c_str(), kDirectoryFlags);
+  if (fd >= 0)
+    (void)Push(fd, key_part, key_part);  // unreadable: nothing recorded, no message
+}
+
+int Walk::Run(const std::string& start) {
+  int fd = OpenAt(AT_FDCWD, start.c_str(), kDirectoryFlags & ~O_NOFOLLOW);
+  if (fd < 0)
+    return 0;
+  dir_ = start;
+  if (!Push(fd, start, start))
+    return 0;
   int result = 0;
-  struct stat status {};
-  std::string entry_path;
-  std::string full;
-  for (const std::string& name : names) {
-    entry_path.assign(dir).append("/").append(name);
-    // A failed lstat leaves the previous entry's status in place.
-    struct stat probe;
-    int rc = dir_fd.get() >= 0 ? fstatat(dir_fd.get(), name.c_str(), &probe, AT_SYMLINK_NOFOLLOW)
-                               : lstat(entry_path.c_str(), &probe);
-    if (rc == 0)
-      status = probe;
-
-    bool directory = (status.st_mode & kDirectoryBit) != 0;
-    if (!directory && name != "harvest.sig") {
-      if (FileNode* node = LinkRecord(tree, rootDir, dir.c_str(), name.c_str(), full)) {
-        // The file opened is the one the key names, with backslashes turned
-        // into "/"; only a name without backslash is that same entry of
-        // this directory. When the file cannot be opened the record keeps
-        // its empty digest and zero numbers.
-        if (dir_fd.get() >= 0 && name.find('\\') == std::string::npos) {
-          (void)batch.Add(name.c_str(), node, dir_fd.get());
-        } else {
-          (void)batch.Add(full.c_str(), node);
-        }
-      }
-      result = 1;
-    } else if (directory && name[0] != '.' && name != "CVS") {
-      dir_fd.Reset();
-      (void)ScanDirectory(rootDir, entry_path.c_str(), tree, batch);
-      dir_fd.Reset(OpenDirectoryHandle(dir));
+  while (!stack_.empty()) {
+    Frame& frame = stack_.back();
+    if (frame.next == frame.entries.size() || frame.lost) {
+      Pop();
+      continue;
+    }
+    const Entry& entry = frame.entries[frame.next++];
+    bool directory = (Classify(frame, entry) & kDirectoryBit) != 0;
+    if (!directory && entry.name != "harvest.sig") {
+      RecordFile(frame, entry);
+      if (stack_.size() == 1)
+        result = 1;
+    } else if (directory && entry.name[0] != '.' && entry.name != "CVS") {
+      EnterDirectory(frame, entry);  // may grow the stack: `frame` is not used after
     }
   }
   return result;
@@ -116,23 +280,29 @@ int ScanDirectory(const char* rootDir, const char* curDir, Bintree* tree, Digest
 }  // namespace
 
 int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree) {
-  DigestBatch batch(StoreBatchDigest);
-  int result = ScanDirectory(rootDir, curDir, tree, batch);
-  batch.Finish();
+  std::string start(curDir);
+  ReplaceSlash(start);
+  DigestWorkers workers(DigestThreadCount());
+  Walk walk(rootDir, tree, workers);
+  int result = walk.Run(start);
+  workers.Finish();
   return result;
 }
 
 void Add2FileTree(Bintree* tree, const char* rootDir, const char* curDir, const char* entryName) {
-  std::string full;
-  FileNode* node = LinkRecord(tree, rootDir, curDir, entryName, full);
+  std::string full = std::string(curDir) + "/" + entryName;
+  ReplaceSlash(full);
+  FileNode* node = LinkRecord(tree, rootDir, full);
   if (!node)
     return;
-  DigestStream file;
-  if (!file.Open(full.c_str()))
+  UniqueFd fd(open(full.c_str(), kFileFlags));
+  if (fd.get() < 0)
     return;
-  unsigned char digest[16];
-  (void)mdfile(file.get(), digest);  // a read error still stores the digest
-  file.Close();
-  char text[33];
-  StoreDigest(node, print_digest(digest, text), file.status());
+  ReadBuffer buffer;
+  DescriptorDigest result;
+  if (!DigestDescriptor(fd.get(), &result, buffer))
+    return;
+  safe_cpy(&node->digest, result.text);
+  node->mtime = static_cast<int64_t>(result.status.st_mtime);
+  node->size = static_cast<int64_t>(result.status.st_size);
 }

@@ -1,0 +1,285 @@
+#include "inventory/digest_batch.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "inventory/md5_steps.h"
+
+using namespace md5_steps;
+
+namespace {
+
+// Eight 64-bit words, one per file. The operators act on each lane.
+//
+// One transform is a single dependency chain, so the processor is mostly
+// waiting on it; files side by side fill that time. Four files in one chain
+// cost little more than one file. With AVX2 the eight lanes run as two
+// independent 4-lane chains and take about as long as four; without it they
+// are run as two 4-lane halves one after the other (on plain x86-64 each
+// 4-lane operation is already two SSE2 operations, so a second interleaved
+// chain would only queue behind the first).
+using Lanes = uint64_t __attribute__((vector_size(64)));
+using HalfLanes = uint64_t __attribute__((vector_size(32)));
+constexpr int kLanes = DigestBatch::kLanes;
+// Transform inputs queued per lane. One 1,024-byte read causes at most 16
+// transforms and the finish at most 2, so a lane is refilled while at most
+// kRows - kMaxRowsPerStep rows are queued.
+constexpr int kRows = 32;
+constexpr int kMaxRowsPerStep = 18;
+
+void TransformPortable(Lanes state[4], const Lanes (*rows)[16], int count) {
+  for (int half = 0; half < 2; ++half) {
+    const size_t offset = half * sizeof(HalfLanes);
+    HalfLanes s[4];
+    for (int i = 0; i < 4; ++i) {
+      std::memcpy(&s[i], reinterpret_cast<const char*>(&state[i]) + offset, sizeof s[i]);
+    }
+    for (int r = 0; r < count; ++r) {
+      HalfLanes x[16];
+      for (int k = 0; k < 16; ++k) {
+        std::memcpy(&x[k], reinterpret_cast<const char*>(&rows[r][k]) + offset, sizeof x[k]);
+      }
+      Rounds(s, x);
+    }
+    for (int i = 0; i < 4; ++i) {
+      std::memcpy(reinterpret_cast<char*>(&state[i]) + offset, &s[i], sizeof s[i]);
+    }
+  }
+}
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#define WL_HAVE_AVX2_KERNEL 1
+[[gnu::target("avx2")]] void TransformAvx2(Lanes state[4], const Lanes (*rows)[16], int count) {
+  Lanes s[4] = {state[0], state[1], state[2], state[3]};
+  for (int r = 0; r < count; ++r)
+    Rounds(s, rows[r]);
+  for (int i = 0; i < 4; ++i)
+    state[i] = s[i];
+}
+#endif
+
+using TransformKernel = void (*)(Lanes state[4], const Lanes (*rows)[16], int count);
+
+TransformKernel DetectedKernel() {
+#ifdef WL_HAVE_AVX2_KERNEL
+  // This runs from a static initializer, possibly before the compiler's own
+  // processor detection has run.
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx2"))
+    return TransformAvx2;
+#endif
+  return TransformPortable;
+}
+
+TransformKernel g_kernel = DetectedKernel();
+
+}  // namespace
+
+void UsePortableDigestKernel(bool portable) {
+  g_kernel = portable ? TransformPortable : DetectedKernel();
+}
+
+struct DigestBatch::Impl {
+  static constexpr size_t kLaneBufferSize = 64 * 1024;  // a multiple of the piece size
+
+  struct Lane {
+    Md5WorkArea area;
+    std::unique_ptr<unsigned char[]> buffer{new unsigned char[kLaneBufferSize]};
+    UniqueFd fd;
+    struct stat status {};
+    uint64_t done_bytes = 0;  // read so far
+    size_t pos = 0;           // next piece in buffer
+    size_t len = 0;           // bytes in buffer
+    bool at_end = false;      // nothing more to read
+    void* target = nullptr;
+    bool active = false;
+    bool finishing = false;  // the finish's transforms are queued
+    int read_result = 0;
+    int queued = 0;  // rows 0..queued-1 of this lane's column
+  };
+
+  // The 16 message words of each queued transform, lane by lane: row r holds
+  // the r-th pending transform of every lane. All lanes consume the same
+  // number of rows per pump, so the rows stay aligned.
+  Lanes rows[kRows][16] = {};
+  Lanes state[4] = {};  // state word i of lane l is state[i][l]
+  Lane lanes[kLanes];
+  Done done;
+  int active = 0;
+
+  explicit Impl(Done d) : done(d) {}
+
+  // Records the message words at one transform point of lane l.
+  struct Capture {
+    Impl* impl;
+    int l;
+    void operator()(unsigned char* area) const {
+      Lane& lane = impl->lanes[l];
+      if (lane.queued >= kRows)
+        std::abort();  // the fill rule makes this unreachable
+      Lanes* row = impl->rows[lane.queued++];
+      for (int k = 0; k < 16; ++k)
+        row[k][l] = Load64(area + kMd5InOffset + 8 * k);
+    }
+  };
+
+  void Start(int l, UniqueFd fd, const struct stat& status, void* target) {
+    Lane& lane = lanes[l];
+    lane.fd = std::move(fd);
+    lane.status = status;
+    std::memset(lane.area.bytes, 0, sizeof lane.area.bytes);
+    MD5Init(&lane.area);
+    for (int i = 0; i < 4; ++i)
+      state[i][l] = Load64(lane.area.bytes + kBufOffset + 8 * i);
+    lane.done_bytes = 0;
+    lane.pos = lane.len = 0;
+    lane.at_end = false;
+    lane.target = target;
+    lane.active = true;
+    lane.finishing = false;
+    lane.read_result = 0;
+    lane.queued = 0;
+    ++active;
+  }
+
+  // Queues the 16 transforms of a full piece with nothing waiting in `in`,
+  // taking from the piece only the words the transforms see (the first four
+  // bytes of each block, the first 64 bytes of the piece), and leaves the
+  // area as the byte-level procedure would.
+  void QueueFullPiece(int l, const unsigned char* data) {
+    Lane& lane = lanes[l];
+    unsigned char* a = lane.area.bytes;
+    unsigned char* read_buffer = lane.area.read_buffer();
+    std::memcpy(read_buffer, data, 64);
+    std::memset(read_buffer, 0, 4);
+    uint64_t head[8];
+    for (int k = 0; k < 8; ++k)
+      head[k] = Load64(read_buffer + 8 * k);
+    for (size_t block = 0; block < kMd5ReadSize; block += 64) {
+      Lanes* row = rows[lane.queued++];
+      uint32_t x0;
+      std::memcpy(&x0, data + block, 4);
+      if constexpr (std::endian::native == std::endian::big)
+        x0 = __builtin_bswap32(x0);
+      row[0][l] = x0;
+      for (int k = 1; k < 8; ++k)
+        row[k][l] = 0;
+      for (int k = 0; k < 8; ++k)
+        row[8 + k][l] = head[k];
+    }
+    unsigned char* in = lane.area.in();
+    std::memcpy(in, data + kMd5ReadSize - 64, 4);
+    std::memset(in + 4, 0, 60);
+    uint64_t low = Load64(a + kBitsOffset);
+    uint64_t bits = low + 8 * kMd5ReadSize;
+    Store64(a + kBitsOffset, bits);
+    if (bits < low)
+      Store64(a + kBitsOffset + 8, Load64(a + kBitsOffset + 8) + 1);
+  }
+
+  // Runs the procedure of lane l ahead until enough transforms are queued
+  // or the file is finished.
+  void Fill(int l) {
+    Lane& lane = lanes[l];
+    Capture capture{this, l};
+    while (!lane.finishing && lane.queued <= kRows - kMaxRowsPerStep) {
+      if (lane.pos == lane.len && !lane.at_end) {
+        size_t want = NextReadSize(lane.status, lane.done_bytes, kLaneBufferSize);
+        bool failed = false;
+        lane.len = want == 0 ? 0 : ReadFully(lane.fd.get(), lane.buffer.get(), want, &failed);
+        lane.pos = 0;
+        lane.done_bytes += lane.len;
+        if (failed)
+          lane.read_result = -1;
+        lane.at_end = lane.len < want || want == 0;
+      }
+      if (lane.pos < lane.len) {
+        const unsigned char* data = lane.buffer.get() + lane.pos;
+        size_t n = std::min(kMd5ReadSize, lane.len - lane.pos);
+        lane.pos += n;
+        if (n == kMd5ReadSize && (Load64(lane.area.bytes + kBitsOffset) & 0x1ff) == 0) {
+          QueueFullPiece(l, data);
+        } else {
+          std::memcpy(lane.area.read_buffer(), data, std::min<size_t>(n, 64));
+          UpdateWith(lane.area.bytes, data, static_cast<uint32_t>(n), capture);
+        }
+        continue;
+      }
+      lane.fd.Reset();
+      FinalBlocks(lane.area.bytes, capture);
+      lane.finishing = true;
+    }
+  }
+
+  void Complete(int l) {
+    Lane& lane = lanes[l];
+    for (int i = 0; i < 4; ++i)
+      Store64(lane.area.bytes + kBufOffset + 8 * i, state[i][l]);
+    unsigned char out[16];
+    FinalOutput(out, lane.area.bytes);
+    char text[33];
+    print_digest(out, text);
+    lane.active = false;
+    --active;
+    done(lane.target, text, lane.status, lane.read_result);
+  }
+
+  // Fills every busy lane, runs the transforms all of them have queued, and
+  // completes the lanes whose files are done.
+  void Pump() {
+    if (active == 0)
+      return;
+    int count = kRows;
+    int most = 0;
+    for (int l = 0; l < kLanes; ++l) {
+      if (!lanes[l].active)
+        continue;
+      Fill(l);
+      count = std::min(count, lanes[l].queued);
+      most = std::max(most, lanes[l].queued);
+    }
+    // Idle lanes compute on stale rows; their state is reset when they start.
+    g_kernel(state, rows, count);
+    if (most > count)
+      std::memmove(rows[0], rows[count], sizeof rows[0] * (most - count));
+    for (int l = 0; l < kLanes; ++l) {
+      if (!lanes[l].active)
+        continue;
+      lanes[l].queued -= count;
+      if (lanes[l].queued == 0 && lanes[l].finishing)
+        Complete(l);
+    }
+  }
+};
+
+DigestBatch::DigestBatch(Done done) : impl_(std::make_unique<Impl>(done)) {}
+
+DigestBatch::~DigestBatch() { Finish(); }
+
+bool DigestBatch::Add(UniqueFd fd, void* target) {
+  struct stat status;
+  if (fd.get() < 0 || !IsDigestible(fd.get(), &status))
+    return false;
+  while (impl_->active == kLanes)
+    impl_->Pump();
+  for (int l = 0; l < kLanes; ++l) {
+    if (!impl_->lanes[l].active) {
+      impl_->Start(l, std::move(fd), status, target);
+      return true;
+    }
+  }
+  return false;  // not reached: a lane is free after the loop above
+}
+
+int DigestBatch::Busy() const { return impl_->active; }
+
+void DigestBatch::Step() { impl_->Pump(); }
+
+void DigestBatch::Finish() {
+  while (impl_->active > 0)
+    impl_->Pump();
+}

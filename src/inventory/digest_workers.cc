@@ -1,0 +1,130 @@
+#include "inventory/digest_workers.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+#include "inventory/digest.h"
+#include "inventory/digest_batch.h"
+#include "support/strings.h"
+
+namespace {
+
+void Store(FileNode* node, const char* digest_text, const struct stat& status) {
+  safe_cpy(&node->digest, digest_text);
+  node->mtime = static_cast<int64_t>(status.st_mtime);
+  node->size = static_cast<int64_t>(status.st_size);
+}
+
+void StoreBatchResult(void* target, const char* digest_text, const struct stat& status,
+                      int /*read_result: a read error still stores the digest*/) {
+  Store(static_cast<FileNode*>(target), digest_text, status);
+}
+
+// Below this many files at hand, one at a time is faster than side by side.
+constexpr size_t kBatchThreshold = 3;
+
+}  // namespace
+
+int DigestThreadCount() {
+  if (const char* setting = std::getenv("WEFTLANE_THREADS")) {
+    char* end = nullptr;
+    long n = std::strtol(setting, &end, 10);
+    if (end != setting && *end == '\0' && n >= 1 && n <= kMaxDigestThreads)
+      return static_cast<int>(n);
+  }
+  long online = sysconf(_SC_NPROCESSORS_ONLN);
+  return static_cast<int>(std::clamp<long>(online, 1, kMaxDigestThreads));
+}
+
+DigestWorkers::DigestWorkers(int threads) : threads_count_(std::max(threads, 1)) {
+  threads_.reserve(static_cast<size_t>(threads_count_));
+  for (int i = 0; i < threads_count_; ++i)
+    threads_.emplace_back([this] { Run(); });
+}
+
+DigestWorkers::~DigestWorkers() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  work_.notify_all();
+  for (std::thread& t : threads_)
+    t.join();
+}
+
+void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    space_.wait(lock, [this] { return in_flight_ < kMaxQueued; });
+    queue_.push_back({fd.Release(), node});
+    ++in_flight_;
+  }
+  work_.notify_one();
+}
+
+void DigestWorkers::Finish() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  space_.wait(lock, [this] { return in_flight_ == 0; });
+}
+
+void DigestWorkers::Run() {
+  ReadBuffer buffer;
+  DigestBatch batch(StoreBatchResult);
+  std::vector<Job> taken;
+  for (;;) {
+    bool single = false;
+    size_t finished = 0;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (batch.Busy() == 0)
+        work_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty() && batch.Busy() == 0)
+        return;  // stopping, nothing left
+      // Share what is waiting with the other workers; take at most what the
+      // batch has room for.
+      size_t room = static_cast<size_t>(DigestBatch::kLanes - batch.Busy());
+      size_t share = (queue_.size() + static_cast<size_t>(threads_count_) - 1) /
+                     static_cast<size_t>(threads_count_);
+      size_t take = std::min(room, share);
+      single = batch.Busy() == 0 && queue_.size() < kBatchThreshold;
+      if (single)
+        take = std::min<size_t>(take, 1);
+      for (size_t i = 0; i < take; ++i) {
+        taken.push_back(queue_.front());
+        queue_.pop_front();
+      }
+    }
+    for (const Job& job : taken) {
+      UniqueFd fd(job.fd);
+      if (single) {
+        DescriptorDigest result;
+        if (DigestDescriptor(fd.get(), &result, buffer))
+          Store(job.node, result.text, result.status);
+        ++finished;
+      } else {
+        int busy = batch.Busy();
+        if (!batch.Add(std::move(fd), job.node))
+          ++finished;  // not a file to read: the record keeps its empty digest
+        else
+          finished += static_cast<size_t>(busy + 1 - batch.Busy());
+      }
+    }
+    taken.clear();
+    if (!single && batch.Busy() > 0) {
+      int busy = batch.Busy();
+      batch.Step();
+      finished += static_cast<size_t>(busy - batch.Busy());
+    }
+    if (finished > 0) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        in_flight_ -= finished;
+      }
+      space_.notify_all();
+    }
+  }
+}
