@@ -1,9 +1,14 @@
 #!/bin/sh
-# Installs the Debian packages that building, testing and the sample run
+# Installs the Debian packages that building, testing, the sample run and CI
 # need, when any is missing. Needs root (apt-get); otherwise it only names
 # what is missing.
+#   build and tests:   cmake g++ ninja-build libgtest-dev, subversion and cvs
+#                      (real clients in the tests and the sample), python3, perl
+#   CI only:           clang (second release compiler), pkg-config, dpkg-dev and
+#                      file (the .deb and its dependencies), man-db (man page check)
 set -eu
-packages="cmake g++ make ninja-build libgtest-dev subversion cvs python3 perl"
+packages="cmake g++ make ninja-build libgtest-dev subversion cvs python3 perl
+          clang pkg-config dpkg-dev file man-db"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing="$missing $p"

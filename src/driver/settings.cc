@@ -28,8 +28,10 @@ Bintree* OldFileTree = nullptr;
 Bintree* DirTree = nullptr;
 
 void ResetSettings() {
-  WorkDir = ".";
-  DirName = ".";
+  // assign(1, '.') rather than = ".": GCC 12 at -O3 inlines the literal copy
+  // and then reports an impossible overlap (-Wrestrict) for it.
+  WorkDir.assign(1, '.');
+  DirName.assign(1, '.');
   WeftlaneServer.clear();
   LogURL.clear();
   UserId.clear();

@@ -96,7 +96,8 @@ void SplitWithExtension(std::string& w, size_t dot, std::string& dir, std::strin
   ext = w.substr(dot);
   w.erase(dot);
   if (IsEqual(w.c_str(), ".", 0)) {
-    dir = ".";
+    // Not dir = ".": GCC 12 at -O3 reports a false -Wrestrict overlap for it.
+    dir.assign(1, '.');
     return;
   }
   size_t cut = w.rfind('\\');
