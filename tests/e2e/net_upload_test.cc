@@ -52,18 +52,20 @@ TEST(NetUpload, PythonServerParsesFieldsAndFile) {
 }
 
 #ifdef WL_RECEIVER
-// Both reports of an inspection run reach the receiver exactly as written.
+// Both reports of an inspection run reach the receiver exactly as written;
+// a receiver restarted on the same directory numbers on from the last one.
 TEST(NetRun, InspectionUploadsBothReportsToTheReceiver) {
   TempDir dir;
   const std::string start = dir / "start", base = "job-box-2020-10-14 10_20_30";
+  const std::string got = dir / "got";
   MakeDirs(start);
   MakeDirs(dir / "home");
   WriteFile(dir / "tree/src/main.c", "int main(void) { return 0; }\n");
   for (const std::string number : {"01", "02"}) {
     SCOPED_TRACE("run " + number);
-    const std::string got = dir / ("got" + number), port_file = dir / ("port" + number);
+    const std::string port_file = dir / ("port" + number);
     BackgroundRun receiver(
-        {WL_RECEIVER, "--dir", got, "--port-file", port_file, "--count", "2", "--timeout", "60"},
+        {WL_RECEIVER, "--dir", got, "--port-file", port_file, "--count", "2", "--idle-exit", "60"},
         port_file);
     ASSERT_FALSE(receiver.line.empty()) << receiver.Wait().err;
     const std::string server = "http://127.0.0.1:" + receiver.line;
@@ -80,15 +82,20 @@ TEST(NetRun, InspectionUploadsBothReportsToTheReceiver) {
     const std::string fields =
         "JobName=job\nOwner=me\nMachine=box\nPublicBuildJob=true\nJobDateTime=2020-10-14 "
         "10_20_30\n";
-    for (const std::string n_kind : {"1-bom", "2-diff"}) {
-      const std::string kind = n_kind.substr(1);
+    const int first = number == "01" ? 1 : 3;
+    std::string lines = receiver.line + "\n";
+    for (const std::string kind : {"-bom", "-diff"}) {
+      const std::string n = std::to_string(kind == "-bom" ? first : first + 1);
       auto kept = ReadFile(start + "/" + base + "-" + number + kind + ".data");
       ASSERT_TRUE(kept) << kind;
-      EXPECT_EQ(ReadFile(got + "/" + n_kind[0] + "-" + base + kind + ".data"), kept);
-      EXPECT_EQ(ReadFile(got + "/" + n_kind[0] + "-fields.txt"), fields);
+      const std::string stored = got + "/" + n + "-" + base + kind + ".data";
+      EXPECT_EQ(ReadFile(stored), kept);
+      EXPECT_EQ(ReadFile(got + "/" + n + "-fields.txt"), fields);
+      lines += n + ": job job, " + std::to_string(kept->size()) + " bytes, " + stored + "\n";
       // The transfer copy is gone; the numbered file stays.
       EXPECT_FALSE(ReadFile(start + "/" + base + kind + ".data"));
     }
+    EXPECT_EQ(receiver.Wait().out, lines);
   }
 }
 

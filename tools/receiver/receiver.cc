@@ -1,7 +1,7 @@
 // wlreceiver: a stand-in for the build server's upload service, on loopback.
 //
 // Usage: wlreceiver [--dir D] [--port N] [--port-file F] [--count N]
-//                   [--timeout S] [--quiet] [--help]
+//                   [--idle-exit S] [--quiet] [--help]
 //
 //   --dir D        store what arrives in directory D (created when missing;
 //                  default "wlreceived")
@@ -10,16 +10,21 @@
 //                  (written under a temporary name and renamed, so a reader
 //                  never sees half of it)
 //   --count N      stop after N requests (default 0: no limit)
-//   --timeout S    stop after S seconds without a connection or a byte from
-//                  the client (default 60, at most 86400)
+//   --idle-exit S  stop after S seconds without a new connection (default:
+//                  never; at most 86400). --timeout S is its older name.
 //   --quiet        print only the port line
 //
-// It prints the chosen port number alone on its first line, then one line per
-// request ("<n>: <request line>, <k> body bytes, file <n>-<base>, ...").
+// It runs until it is stopped (or --count / --idle-exit end it). It prints
+// the chosen port number alone on its first line, then one line per uploaded
+// file, "<n>: job <JobName>, <bytes> bytes, <D>/<n>-<base>", or per request
+// that carried no file, "<n>: <request line>, <bytes> body bytes".
 // Each request is read as the upload client sends it: a header block ended
 // by a blank line (bare "\n\n" or "\r\n\r\n"), then as many body bytes as
 // Content-Length states (bytes a client sends beyond that are kept too).
-// For request number n (from 1) it writes:
+// Requests are numbered from one more than the highest number already in D,
+// so a restarted receiver never overwrites what an earlier one stored; a
+// number is claimed by creating its request file exclusively. For request
+// number n it writes:
 //   D/<n>-request.bin   the raw request bytes;
 //   D/<n>-fields.txt    "name=value" lines of the form fields of a
 //                       multipart/form-data body (values as sent, so a value
@@ -29,13 +34,15 @@
 //                       "-2", "-3", ... appended);
 //   D/<n>-body.bin      the body of a request that is not multipart.
 // Every request gets "HTTP/1.1 200 OK" with the short body "OK\n"; then the
-// receiver half-closes and waits for the client to close.
+// receiver half-closes and waits for the client to close. A client that
+// sends nothing for 60 seconds is dropped.
 //
-// Exit status: 0 after --count requests, or after the idle timeout when no
-// count was given; 3 when the idle timeout ended it before --count requests
+// Exit status: 0 after --count requests, or after the idle time when no
+// count was given; 3 when the idle time ended it before --count requests
 // came; 2 on bad arguments or when it cannot listen or store.
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -43,6 +50,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -55,24 +63,28 @@
 namespace {
 
 const char kUsage[] =
-    "Usage: wlreceiver [--dir D] [--port N] [--port-file F] [--count N] [--timeout S] [--quiet]\n"
-    "Loopback stand-in for the build server's upload service.\n"
+    "Usage: wlreceiver [--dir D] [--port N] [--port-file F] [--count N] [--idle-exit S] [--quiet]\n"
+    "Loopback stand-in for the build server's upload service; runs until stopped.\n"
     "  --dir D        store requests in D (default wlreceived): <n>-request.bin,\n"
-    "                 <n>-fields.txt (name=value), <n>-<file base>, <n>-body.bin\n"
+    "                 <n>-fields.txt (name=value), <n>-<file base>, <n>-body.bin;\n"
+    "                 numbering continues after the highest <n> already there\n"
     "  --port N       listen on 127.0.0.1 port N (0 = any free port, the default)\n"
     "  --port-file F  also write the chosen port to F\n"
     "  --count N      stop after N requests (0 = no limit, the default)\n"
-    "  --timeout S    stop after S idle seconds (default 60, at most 86400)\n"
+    "  --idle-exit S  stop after S seconds without a connection (default: never)\n"
     "  --quiet        print only the port line\n"
-    "Prints the port number on its first line, then a line per request.\n"
-    "Answers every request with HTTP/1.1 200 OK.\n"
-    "Exit status: 0 done, 3 idle timeout before --count requests, 2 error.\n";
+    "Prints the port number on its first line, then a line per uploaded file\n"
+    "(number, job, bytes, where it is stored). Answers every request with\n"
+    "HTTP/1.1 200 OK.\n"
+    "Exit status: 0 done, 3 idle time ended it before --count requests, 2 error.\n";
 
 const char kReply[] =
     "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 3\r\nConnection: "
     "close\r\n\r\nOK\n";
 
-constexpr long kMaxTimeout = 86400;
+constexpr long kMaxIdleExit = 86400;
+// A connected client that sends nothing for this long is dropped.
+constexpr int kClientIdleMs = 60 * 1000;
 constexpr size_t kMaxHeaderBlock = 1 << 20;
 
 struct Options {
@@ -80,7 +92,7 @@ struct Options {
   long port = 0;
   std::string port_file;
   long count = 0;
-  long timeout = 60;
+  long idle_exit = -1;  // seconds; -1: never
   bool quiet = false;
 };
 
@@ -116,7 +128,8 @@ int ParseArgs(int argc, char** argv, Options& o) {
       o.port_file = v;
     } else if (a == "--port" && value(v) && ParseNumber(v, 65535, o.port)) {
     } else if (a == "--count" && value(v) && ParseNumber(v, 1000000, o.count)) {
-    } else if (a == "--timeout" && value(v) && ParseNumber(v, kMaxTimeout, o.timeout)) {
+    } else if ((a == "--idle-exit" || a == "--timeout") && value(v) &&
+               ParseNumber(v, kMaxIdleExit, o.idle_exit)) {
     } else {
       std::fprintf(stderr, "wlreceiver: bad argument '%s'\n%s", a.c_str(), kUsage);
       return -1;
@@ -125,8 +138,9 @@ int ParseArgs(int argc, char** argv, Options& o) {
   return 1;
 }
 
-bool WriteWhole(const std::string& path, const std::string& data) {
-  FILE* f = std::fopen(path.c_str(), "wb");
+// Write data to path; with `exclusive`, fail (errno EEXIST) when path exists.
+bool WriteWhole(const std::string& path, const std::string& data, bool exclusive = false) {
+  FILE* f = std::fopen(path.c_str(), exclusive ? "wbx" : "wb");
   if (!f)
     return false;
   bool ok = std::fwrite(data.data(), 1, data.size(), f) == data.size();
@@ -320,34 +334,60 @@ void Serve(int fd, int idle_ms, std::string& request) {
     ReadInto(fd, request, idle_ms, [](const std::string&) { return false; });
 }
 
-// Store request n; returns the names written (for the log line).
-bool Store(const std::string& dir, long n, const std::string& request, std::string& summary) {
-  const std::string prefix = dir + "/" + std::to_string(n) + "-";
-  if (!WriteWhole(prefix + "request.bin", request))
-    return false;
+// One more than the highest request number stored in dir (names "<n>-...").
+long NextNumber(const std::string& dir) {
+  long highest = 0;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) {
+      const char* name = e->d_name;
+      size_t digits = 0;
+      while (std::isdigit(static_cast<unsigned char>(name[digits])) && digits < 18)
+        ++digits;
+      if (digits > 0 && name[digits] == '-')
+        highest = std::max(highest, std::strtol(name, nullptr, 10));
+    }
+    closedir(d);
+  }
+  return highest + 1;
+}
+
+// Store a request under the first free number from n on (n is updated to it)
+// and add the lines to print for it to `lines`.
+bool Store(const std::string& dir, long& n, const std::string& request,
+           std::vector<std::string>& lines) {
+  for (;; ++n) {
+    if (WriteWhole(dir + "/" + std::to_string(n) + "-request.bin", request, true))
+      break;
+    if (errno != EEXIST)
+      return false;
+  }
+  const std::string number = std::to_string(n);
+  const std::string prefix = dir + "/" + number + "-";
   size_t header_end = HeaderEnd(request);
   std::string head = header_end == std::string::npos ? request : request.substr(0, header_end);
   std::string body = header_end == std::string::npos ? std::string() : request.substr(header_end);
   std::string request_line = head.substr(0, head.find('\n'));
   if (!request_line.empty() && request_line.back() == '\r')
     request_line.pop_back();
-  summary = request_line + ", " + std::to_string(body.size()) + " body bytes";
+  const std::string plain = number + ": " + request_line + ", " + std::to_string(body.size()) +
+                            " body bytes";
 
   std::string content_type = HeaderValue(head, "content-type");
   std::string boundary = Param(content_type, "boundary");
   if (Lower(content_type).rfind("multipart/form-data", 0) != 0 || boundary.empty()) {
-    if (!body.empty()) {
-      if (!WriteWhole(prefix + "body.bin", body))
-        return false;
-      summary += ", body " + std::to_string(n) + "-body.bin";
-    }
+    if (!body.empty() && !WriteWhole(prefix + "body.bin", body))
+      return false;
+    lines.push_back(plain);
     return true;
   }
-  std::string fields;
+  std::string fields, job = "-";
+  std::vector<std::pair<std::string, size_t>> files;
   std::set<std::string> used;
   for (const Part& part : ParseMultipart(body, boundary)) {
     if (!part.is_file) {
       fields += part.name + "=" + part.content + "\n";
+      if (part.name == "JobName")
+        job = part.content;
       continue;
     }
     std::string base = BaseName(part.filename);
@@ -360,10 +400,14 @@ bool Store(const std::string& dir, long n, const std::string& request, std::stri
     used.insert(name);
     if (!WriteWhole(prefix + name, part.content))
       return false;
-    summary += ", file " + std::to_string(n) + "-" + name;
+    files.emplace_back(prefix + name, part.content.size());
   }
   if (!WriteWhole(prefix + "fields.txt", fields))
     return false;
+  for (const auto& [path, size] : files)
+    lines.push_back(number + ": job " + job + ", " + std::to_string(size) + " bytes, " + path);
+  if (files.empty())
+    lines.push_back(plain);
   return true;
 }
 
@@ -412,31 +456,36 @@ int main(int argc, char** argv) {
     }
   }
 
-  const int idle_ms = static_cast<int>(o.timeout * 1000);
+  const int idle_ms = o.idle_exit < 0 ? -1 : static_cast<int>(o.idle_exit * 1000);
   long served = 0;
+  long number = NextNumber(o.dir);
   int status = 0;
   while (o.count == 0 || served < o.count) {
     if (!WaitFor(listen_fd, POLLIN, idle_ms)) {
       status = o.count == 0 ? 0 : 3;
       if (!o.quiet)
-        std::printf("idle for %ld s, stopping after %ld requests\n", o.timeout, served);
+        std::printf("idle for %ld s, stopping after %ld requests\n", o.idle_exit, served);
       break;
     }
     int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0)
       continue;
     std::string request;
-    Serve(fd, idle_ms, request);
+    Serve(fd, kClientIdleMs, request);
     close(fd);
     ++served;
-    std::string summary;
-    if (!Store(o.dir, served, request, summary)) {
-      std::fprintf(stderr, "wlreceiver: cannot store request %ld in %s\n", served, o.dir.c_str());
+    std::vector<std::string> lines;
+    if (!Store(o.dir, number, request, lines)) {
+      std::fprintf(stderr, "wlreceiver: cannot store request %ld in %s: %s\n", number,
+                   o.dir.c_str(), std::strerror(errno));
       status = 2;
       break;
     }
-    if (!o.quiet)
-      std::printf("%ld: %s\n", served, summary.c_str());
+    ++number;
+    if (!o.quiet) {
+      for (const std::string& line : lines)
+        std::printf("%s\n", line.c_str());
+    }
     std::fflush(stdout);
   }
   close(listen_fd);
