@@ -204,89 +204,107 @@ void SetScmType(const std::string& value) {
   safe_cpy(&SCMTypeStr, value.c_str());
 }
 
+// One option word as the loop sees it: its letter (a blank for a word that
+// is no option), the characters after the letter pair, and its value (the
+// next word unless that begins with '-').
+struct OptionWord {
+  char letter = ' ';
+  std::string suffix;
+  std::string value;
+};
+
+OptionWord ReadOptionWord(const WordList& words, size_t i) {
+  OptionWord option;
+  const std::string& w = words[i];
+  if (!w.empty() && w[0] == '-') {
+    option.letter = w.size() > 1 ? w[1] : '\0';
+    if (w.size() > 2)
+      option.suffix = w.substr(2);
+  }
+  if (i + 1 < words.size() && (words[i + 1].empty() || words[i + 1][0] != '-'))
+    option.value = words[i + 1];
+  return option;
+}
+
+// The -l options, chosen by the suffix's first character. Returns the
+// number of words the option takes.
+size_t ApplyLogOption(const OptionWord& option) {
+  const char* value = option.value.c_str();
+  switch (option.suffix.empty() ? 0 : std::tolower(static_cast<unsigned char>(option.suffix[0]))) {
+    case 'o':
+      safe_cpy(&LogOwner, value);
+      break;
+    case 'm':
+      safe_cpy(&MachineLabel, value);
+      break;
+    case 'd':
+      safe_cpy(&JobDateTime, value);
+      break;
+    case 'j':
+      safe_cpy(&TaskName, value);
+      break;
+    case 'n':
+      safe_cpy(&BuildNumber, value);
+      break;
+    case 'p':
+      // -lp takes no value.
+      safe_cpy(&PublicBuildJob, "true");
+      return 1;
+    default:
+      break;
+  }
+  return 2;
+}
+
+// Applies one option; returns the number of words it takes, or 0 when an
+// option word with the letter '@' stops the parse. A valued option always
+// moves past the next word, even when that word began with '-' and so gave
+// no value: it is skipped unread.
+size_t ApplyOption(const OptionWord& option) {
+  // Option letters are taken in either case.
+  switch (std::tolower(static_cast<unsigned char>(option.letter))) {
+    case '@':
+      // The message for this case ("ERROR 49: Response file must be first
+      // argument") was never printed by this tool; it stays silent.
+      return 0;
+    case 'b':
+      WorkDir = option.value;
+      return 2;
+    case 'c':
+      SetScmType(option.value);
+      return 2;
+    case 'l':
+      return ApplyLogOption(option);
+    case 'p':
+      safe_cpy(&Password, option.value.c_str());
+      return 2;
+    case 's':
+      ScanSrc = 1;
+      return 1;
+    case 't':
+      BuildLabel = option.value;
+      return 2;
+    case 'u':
+      safe_cpy(&User, option.value.c_str());
+      return 2;
+    case 'v':
+      if (!option.suffix.empty())
+        return 2;
+      PrintVersionBanner();
+      PrintVersionOnly = 1;
+      return 1;
+    default:
+      return 1;
+  }
+}
+
 // Runs the option loop. Returns false when an option word with the letter
 // '@' stops the parse.
 bool ParseOptions(const WordList& words) {
-  size_t i = 1;
-  while (i < words.size()) {
-    const std::string& w = words[i];
-    char letter = ' ';
-    std::string suffix;
-    if (!w.empty() && w[0] == '-') {
-      letter = w.size() > 1 ? w[1] : '\0';
-      if (w.size() > 2)
-        suffix = w.substr(2);
-    }
-    std::string value;
-    if (i + 1 < words.size() && (words[i + 1].empty() || words[i + 1][0] != '-')) {
-      value = words[i + 1];
-    }
-    // A valued option always moves past the next word, even when that word
-    // began with '-' and so gave no value: it is skipped unread.
-    size_t step = 2;
-    // Option letters are taken in either case.
-    switch (std::tolower(static_cast<unsigned char>(letter))) {
-      case '@':
-        // The message for this case ("ERROR 49: Response file must be first
-        // argument") was never printed by this tool; it stays silent.
-        return false;
-      case 'b':
-        WorkDir = value;
-        break;
-      case 'c':
-        SetScmType(value);
-        break;
-      case 'l': {
-        switch (suffix.empty() ? 0 : std::tolower(static_cast<unsigned char>(suffix[0]))) {
-          case 'o':
-            safe_cpy(&LogOwner, value.c_str());
-            break;
-          case 'm':
-            safe_cpy(&MachineLabel, value.c_str());
-            break;
-          case 'd':
-            safe_cpy(&JobDateTime, value.c_str());
-            break;
-          case 'j':
-            safe_cpy(&TaskName, value.c_str());
-            break;
-          case 'n':
-            safe_cpy(&BuildNumber, value.c_str());
-            break;
-          case 'p':
-            // -lp takes no value.
-            safe_cpy(&PublicBuildJob, "true");
-            step = 1;
-            break;
-          default:
-            break;
-        }
-        break;
-      }
-      case 'p':
-        safe_cpy(&Password, value.c_str());
-        break;
-      case 's':
-        ScanSrc = 1;
-        step = 1;
-        break;
-      case 't':
-        BuildLabel = value;
-        break;
-      case 'u':
-        safe_cpy(&User, value.c_str());
-        break;
-      case 'v':
-        if (suffix.empty()) {
-          PrintVersionBanner();
-          PrintVersionOnly = 1;
-          step = 1;
-        }
-        break;
-      default:
-        step = 1;
-        break;
-    }
+  for (size_t i = 1; i < words.size();) {
+    size_t step = ApplyOption(ReadOptionWord(words, i));
+    if (step == 0)
+      return false;
     i += step;
   }
   return true;
@@ -343,6 +361,67 @@ void DefaultIfUnset(char** setting, const char* value) {
     safe_cpy(setting, value);
 }
 
+// The command lines of one word that are answered at once: "-v" (the
+// banner, then the run goes on without checks) and the usage requests.
+// Returns ParseParms' result for them, or -1 for any other command line.
+int SingleWordCommandLine(const WordList& words) {
+  if (words.size() != 2)
+    return -1;
+  const char* only = words[1].c_str();
+  if (IsEqual(only, "-v", 0)) {
+    PrintVersionBanner();
+    PrintVersionOnly = 1;
+    return 1;
+  }
+  if (IsEqual(only, "-?", 0) || IsEqual(only, "/?", 0) || IsEqual(only, "-h", 0) ||
+      IsEqual(only, "/h", 0)) {
+    PrintUsage();
+    return 0;
+  }
+  return -1;
+}
+
+// Prints `message` and returns false when `setting` is empty.
+bool Present(const char* setting, const char* message) {
+  if (!IsEmpty(setting))
+    return true;
+  std::fputs(message, stdout);
+  return false;
+}
+
+// The checks and defaults after the option loop, in their fixed order;
+// false after a message.
+bool FinishSettings() {
+  if (WorkDir.size() >= 2 && WorkDir[0] == '\\' && WorkDir[1] == '\\') {
+    std::printf(kUncFormat, WorkDir.c_str());
+    return false;
+  }
+  if (!HeaderValuesFit())
+    return false;
+  bool is_public = !IsEmpty(PublicBuildJob) && IsEqual(PublicBuildJob, "true", 0);
+  safe_cpy(&PublicBuildJob, is_public ? "true" : "false");
+
+  DefaultIfUnset(&TaskName, "");
+  DefaultIfUnset(&BuildNumber, "");
+  DefaultIfUnset(&MachineLabel, "My Computer");
+  DefaultIfUnset(&JobDateTime, "");
+  DefaultIfUnset(&LogOwner, UserId.c_str());
+  DefaultIfUnset(&SCMTypeStr, "NONE");
+
+  if (!Present(TaskName, kNoJobMessage) || !Present(LogOwner, kNoOwnerMessage) ||
+      !Present(MachineLabel, kNoMachineMessage) || !Present(JobDateTime, kNoDateMessage))
+    return false;
+  std::string dt = NormaliseDateTime(JobDateTime);
+  safe_cpy(&JobDateTime, dt.c_str());
+  if (!DateTimeFormOk(dt)) {
+    std::fputs(kDateFormatMessage, stdout);
+    return false;
+  }
+  // After the normalisation above this holds "true" or "false"; the check is
+  // kept as the last line of defence.
+  return Present(PublicBuildJob, kNoPublicMessage);
+}
+
 }  // namespace
 
 char* GetOEMVersion(char* buffer) {
@@ -365,72 +444,14 @@ int ParseParms(int argc, char** argv) {
   WordList words;
   if (CollectWords(argc, argv, words) != Collect::kOk)
     return 0;
-
-  if (words.size() == 2) {
-    const char* only = words[1].c_str();
-    if (IsEqual(only, "-v", 0)) {
-      PrintVersionBanner();
-      PrintVersionOnly = 1;
-      return 1;
-    }
-    if (IsEqual(only, "-?", 0) || IsEqual(only, "/?", 0) || IsEqual(only, "-h", 0) ||
-        IsEqual(only, "/h", 0)) {
-      PrintUsage();
-      return 0;
-    }
-  }
+  if (int result = SingleWordCommandLine(words); result >= 0)
+    return result;
   if (words.size() < 2) {
     PrintUsage();
     return 0;
   }
-
   Echo(words);
   if (!ParseOptions(words))
     return 0;
-
-  if (WorkDir.size() >= 2 && WorkDir[0] == '\\' && WorkDir[1] == '\\') {
-    std::printf(kUncFormat, WorkDir.c_str());
-    return 0;
-  }
-  if (!HeaderValuesFit())
-    return 0;
-  bool is_public = !IsEmpty(PublicBuildJob) && IsEqual(PublicBuildJob, "true", 0);
-  safe_cpy(&PublicBuildJob, is_public ? "true" : "false");
-
-  DefaultIfUnset(&TaskName, "");
-  DefaultIfUnset(&BuildNumber, "");
-  DefaultIfUnset(&MachineLabel, "My Computer");
-  DefaultIfUnset(&JobDateTime, "");
-  DefaultIfUnset(&LogOwner, UserId.c_str());
-  DefaultIfUnset(&SCMTypeStr, "NONE");
-
-  if (IsEmpty(TaskName)) {
-    std::fputs(kNoJobMessage, stdout);
-    return 0;
-  }
-  if (IsEmpty(LogOwner)) {
-    std::fputs(kNoOwnerMessage, stdout);
-    return 0;
-  }
-  if (IsEmpty(MachineLabel)) {
-    std::fputs(kNoMachineMessage, stdout);
-    return 0;
-  }
-  if (IsEmpty(JobDateTime)) {
-    std::fputs(kNoDateMessage, stdout);
-    return 0;
-  }
-  std::string dt = NormaliseDateTime(JobDateTime);
-  safe_cpy(&JobDateTime, dt.c_str());
-  if (!DateTimeFormOk(dt)) {
-    std::fputs(kDateFormatMessage, stdout);
-    return 0;
-  }
-  // After the normalisation above this holds "true" or "false"; the check is
-  // kept as the last line of defence.
-  if (IsEmpty(PublicBuildJob)) {
-    std::fputs(kNoPublicMessage, stdout);
-    return 0;
-  }
-  return 1;
+  return FinishSettings() ? 1 : 0;
 }

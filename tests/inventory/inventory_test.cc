@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -80,6 +82,32 @@ TEST(RecordField, EscapesOnlyWhatTheLineCannotHold) {
     every += static_cast<char>(c);
   EXPECT_EQ(DecodeField(EncodeField(every.c_str())), every);
   EXPECT_EQ(DecodeField(EncodeField((" " + every + " ").c_str())), " " + every + " ");
+}
+
+TEST(WriteInventory, HeaderLinesUnderTheirConditionsThenRecords) {
+  ScopedFileTree tree;
+  tree.Add("/w;x", "b c", 5, "d", "");
+  tree.Add("/w;x", "a", 1, "", "1.2");
+  InventoryHeader full;
+  full.scm_type = "SVN";
+  full.module_root = "/w;x\n\r";
+  full.machine = "m";
+  full.build_label = "L";
+  full.build_number = "7";
+  // Only BuildLabel is always written; a line break in the root is escaped.
+  const std::pair<InventoryHeader, std::string> cases[] = {
+      {InventoryHeader{}, "BuildLabel=\n"},
+      {full, "SCMType=SVN\nModuleRootDir=/w;x\\x0a\\x0d\nMachineName=m\nBuildLabel=L\nBuildNumber=7\n"},
+  };
+  for (const auto& [header, lines] : cases) {
+    char* buf = nullptr;
+    size_t len = 0;
+    FILE* f = open_memstream(&buf, &len);
+    WriteInventory(f, header, tree.get());
+    std::fclose(f);
+    EXPECT_EQ(std::string(buf, len), lines + "/w\\x3bx;a;1;1; ; 1.2;\n/w\\x3bx;b c;5;5; d; ;\n");
+    std::free(buf);
+  }
 }
 
 TEST(LoadFileTree, SaysWhatItLoadsAndWhatItCannotOpen) {
