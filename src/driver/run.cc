@@ -169,6 +169,14 @@ bool DirectoryInTheWay(const std::string& name) {
   return stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// Where the reports go and the job fields that travel with them: the one
+// place the run's settings are handed to the upload.
+UploadTarget RunUploadTarget() {
+  auto text = [](const char* value) { return std::string(value ? value : ""); };
+  return {LogURL,          text(TaskName),       text(LogOwner),
+          text(MachineLabel), text(PublicBuildJob), text(JobDateTime)};
+}
+
 // The names of one run's outputs in the start directory.
 struct OutputNames {
   std::string report_copy, report, inventory_copy, inventory, old;
@@ -290,11 +298,14 @@ int TransferOutputs(const OutputNames& names) {
 
   // Upload results and deletions are not examined: a failed upload still
   // ends the run with status 0. The numbered files stay as the run's record.
+  const UploadTarget target = RunUploadTarget();
+  if (const std::string warning = MissingPortWarning(WeftlaneServer); !warning.empty())
+    std::puts(warning.c_str());
   std::printf(kUploadingFormat, names.inventory_copy.c_str());
-  UploadFile(names.inventory_copy.c_str());
+  UploadFile(target, names.inventory_copy.c_str());
   unlink(names.inventory_copy.c_str());
   std::printf(kUploadingFormat, names.report_copy.c_str());
-  UploadFile(names.report_copy.c_str());
+  UploadFile(target, names.report_copy.c_str());
   std::puts(kComplete);
   unlink(names.report_copy.c_str());
   return 0;
@@ -340,6 +351,10 @@ int InspectorMain(int argc, char** argv) {
     return 1;
   }
   WeftlaneServer = GetEnv("WEFTLANE_SERVER");
+  // Bounds every network wait; a value that is no number of seconds is
+  // named and the default kept.
+  if (const std::string warning = SetNetTimeoutFrom(GetEnv("WEFTLANE_TIMEOUT")); !warning.empty())
+    std::puts(warning.c_str());
 
   int status = 1;
   {

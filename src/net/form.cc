@@ -8,11 +8,31 @@ const char* OrEmpty(const char* text) { return text ? text : ""; }
 
 }  // namespace
 
+std::string FormEncoded(const char* text) {
+  std::string out;
+  for (const char* p = OrEmpty(text); *p; ++p) {
+    switch (*p) {
+      case '"':
+        out += "%22";
+        break;
+      case '\r':
+        out += "%0D";
+        break;
+      case '\n':
+        out += "%0A";
+        break;
+      default:
+        out += *p;
+    }
+  }
+  return out;
+}
+
 std::string HostLine(const std::string& host, const std::string& port, const char* line_end) {
   return "Host: " + host + ":" + port + line_end;
 }
 
-void AppendFormField(std::string& body, const char* name, const char* value) {
+void AppendFormFieldVerbatim(std::string& body, const char* name, const char* value) {
   body += kFormDelimiterLine;
   body += "Content-Disposition: form-data; name=\"";
   body += name;
@@ -21,9 +41,13 @@ void AppendFormField(std::string& body, const char* name, const char* value) {
   body += "\r\n";
 }
 
+void AppendFormField(std::string& body, const char* name, const char* value) {
+  AppendFormFieldVerbatim(body, name, FormEncoded(value).c_str());
+}
+
 void AppendFilePartHead(std::string& body, const char* filename) {
   body += "Content-Disposition: form-data; name=\"mptest\"; filename=\"";
-  body += OrEmpty(filename);
+  body += FormEncoded(filename);
   body += "\"\r\nContent-Type: text/html\r\n\r\n";
 }
 

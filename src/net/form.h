@@ -28,16 +28,25 @@ inline constexpr char kFormContentTypeLine[] =
 inline constexpr char kAcceptEncodingLine[] = "Accept-Encoding: gzip, deflate\r\n";
 inline constexpr char kUserAgentLine[] = "User-Agent: Weftlane Logger 6.2\r\n";
 
+// `text` with '"', CR and LF written as %22, %0D and %0A, as browsers write
+// them in form names, so that no value or file name can end its quoting or
+// its line early; every other byte is kept. A null text is taken as empty.
+std::string FormEncoded(const char* text);
+
 // "Host: <host>:<port>" followed by `line_end`.
 std::string HostLine(const std::string& host, const std::string& port, const char* line_end);
 
 // Append one form field: the delimiter line,
-// "Content-Disposition: form-data; name=\"<name>\"\r\n", "\r\n", the value and
-// "\r\n". A null value is taken as empty.
+// "Content-Disposition: form-data; name=\"<name>\"\r\n", "\r\n", the value
+// (FormEncoded) and "\r\n". A null value is taken as empty.
 void AppendFormField(std::string& body, const char* name, const char* value);
+// The same with the value as it is: for the fixed values whose line breaks
+// are part of the wire format.
+void AppendFormFieldVerbatim(std::string& body, const char* name, const char* value);
 
 // Append the head of a file part, without the delimiter line before it:
-// "Content-Disposition: form-data; name=\"mptest\"; filename=\"<filename>\"\r\n",
+// "Content-Disposition: form-data; name=\"mptest\"; filename=\"<filename>\"\r\n"
+// (the file name FormEncoded),
 // "Content-Type: text/html\r\n" and "\r\n". The content follows directly.
 void AppendFilePartHead(std::string& body, const char* filename);
 

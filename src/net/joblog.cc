@@ -24,7 +24,6 @@ namespace {
 
 constexpr char kFileNameBase[] = "D:\\tmp\\";
 constexpr char kRuleLine[] = "<HR SIZE=1 WIDTH=30% ALIGN=LEFT>\r\n";
-constexpr int32_t kAnswerLine = 2048;
 
 const char* OrEmpty(const char* text) { return text ? text : ""; }
 
@@ -61,7 +60,6 @@ int PostJobForm(std::string& err, const std::string& host, const std::string& po
 // Statics of HTTPPostHTML2.
 std::optional<std::string> wl_server_env;
 std::string URL;
-int sfd = -1;
 
 }  // namespace
 
@@ -122,7 +120,8 @@ int SetupJobInfo(std::string& err, uint32_t log_type, const char* url, const cha
   std::string body;
   AppendJobFields(body);
   AppendFormField(body, "JobDateTime", myJobDateTime.c_str());
-  AppendFormField(body, "PublicBuildJob", IsPublic(myPublicBuildJob) ? "true\r\n" : "false\r\n");
+  AppendFormFieldVerbatim(body, "PublicBuildJob",
+                          IsPublic(myPublicBuildJob) ? "true\r\n" : "false\r\n");
   body += kFormDelimiterLine;
   AppendFilePartHead(body, (kFileNameBase + key + "-Summary.html").c_str());
   return PostJobForm(err, host, port, body);
@@ -148,7 +147,7 @@ int LogMessage(std::string& err, int echo, uint32_t type, const char* /*unused1*
   body.reserve(std::strlen(summary_text) + std::strlen(detail_text) + 2000);
   AppendFormField(body, "BuildComplete", BuildCompleteMarker(summary));
   AppendJobFields(body);
-  AppendFormField(body, "PublicBuildJob", IsPublic(myPublicBuildJob) ? "true\n" : "false\n");
+  AppendFormFieldVerbatim(body, "PublicBuildJob", IsPublic(myPublicBuildJob) ? "true\n" : "false\n");
   AppendFormField(body, "JobDateTime", myJobDateTime.c_str());
   AppendFormField(body, "Type", MessageTypeName(type));
   body += kFormDelimiterLine;
@@ -175,34 +174,7 @@ std::string JobLogUploadUrl(const char* base) {
   return text.substr(0, n) + "/weftlane/LogUpload";
 }
 
-int HTTPPostHTML2(std::string& err, const intptr_t* record) {
-  auto text = [record](int slot) { return reinterpret_cast<const char*>(record[slot]); };
-  if (!wl_server_env) {
-    wl_server_env = OrEmpty(std::getenv("WEFTLANE_SERVER"));
-    URL = JobLogUploadUrl(wl_server_env->c_str());
-  }
-  const char* server = OrEmpty(text(kSlotServerUrl));
-  if (!IsEqual(server, wl_server_env->c_str(), 1)) {
-    // The old code derived it from a copy of the slot; the copy changes
-    // nothing here.
-    URL = JobLogUploadUrl(server);
-  }
-
-  std::string host;
-  std::string port;
-  std::string path;
-  sfd = tcp_connect(err, URL.c_str(), host, port, path);
-  if (sfd == -1 || !err.empty())
-    return 1;
-
-  const std::string key = JobKey(OrEmpty(text(kSlotTaskName)), OrEmpty(text(kSlotMachine)),
-                                 OrEmpty(text(kSlotJobDateTime)));
-  const char* summary = text(kSlotSummary);
-  const char* detail = text(kSlotDetail);
-  const uint32_t type = static_cast<uint32_t>(record[kSlotMessageType]);
-  std::string body;
-  body.reserve((summary ? std::strlen(summary) : 0) + (detail ? std::strlen(detail) : 0) + 2000);
-
+std::string JobLogRecordHead(const std::string& host, const std::string& port) {
   std::string header;
   header += kUploadRequestLine;
   header += HostLine(host, port, "\n");
@@ -212,7 +184,18 @@ int HTTPPostHTML2(std::string& err, const intptr_t* record) {
   header += kFormContentTypeLine;
   header += kAcceptEncodingLine;
   header += kUserAgentLine;
+  return header;
+}
 
+std::string JobLogRecordBody(const intptr_t* record) {
+  auto text = [record](int slot) { return reinterpret_cast<const char*>(record[slot]); };
+  const std::string key = JobKey(OrEmpty(text(kSlotTaskName)), OrEmpty(text(kSlotMachine)),
+                                 OrEmpty(text(kSlotJobDateTime)));
+  const char* summary = text(kSlotSummary);
+  const char* detail = text(kSlotDetail);
+  const uint32_t type = static_cast<uint32_t>(record[kSlotMessageType]);
+  std::string body;
+  body.reserve((summary ? std::strlen(summary) : 0) + (detail ? std::strlen(detail) : 0) + 2000);
   AppendFormField(body, "BuildComplete", BuildCompleteMarker(summary));
   AppendFormField(body, "JobName", text(kSlotTaskName));
   AppendFormField(body, "Owner", text(kSlotOwner));
@@ -239,20 +222,34 @@ int HTTPPostHTML2(std::string& err, const intptr_t* record) {
     body += kFormClosingLine;
   }
   body += "\r\n";
-  header += "Content-Length: " + std::to_string(body.size()) + "\n\n";
+  return body;
+}
 
-  (void)WriteAll(sfd, header.data(), header.size());  // failures show as an empty answer
-  (void)WriteAll(sfd, body.data(), body.size());
-  std::array<char, kAnswerLine> line;
-  readline(sfd, line.data(), 0);  // only terminates the buffer, as the old code did
-  while (readline(sfd, line.data(), kAnswerLine) > 0) {
+int HTTPPostHTML2(std::string& err, const intptr_t* record) {
+  if (!wl_server_env) {
+    wl_server_env = OrEmpty(std::getenv("WEFTLANE_SERVER"));
+    URL = JobLogUploadUrl(wl_server_env->c_str());
   }
-  WLCleanUp(sfd);
-  return 0;
+  const char* server = OrEmpty(reinterpret_cast<const char*>(record[kSlotServerUrl]));
+  if (!IsEqual(server, wl_server_env->c_str(), 1)) {
+    // The old code derived it from a copy of the slot; the copy changes
+    // nothing here.
+    URL = JobLogUploadUrl(server);
+  }
+  // The "Host:" line carries the texts of tcp_connect's split: the port is
+  // empty when the URL names none.
+  std::string host;
+  std::string port;
+  std::string path;
+  SplitConnectUrl(URL.c_str(), host, port, path);
+  const std::string body = JobLogRecordBody(record);
+  const std::string head = JobLogRecordHead(host, port) + ContentLengthLine(body.size());
+  // The answer is read to its end and dropped; a lost connection or a wait
+  // that ran out is left in `err`.
+  return PostRequest(err, URL.c_str(), head, body, "the job log message").connected ? 0 : 1;
 }
 
 void ResetHTTPPostHTML2() {
   wl_server_env.reset();
   URL.clear();
-  sfd = -1;
 }

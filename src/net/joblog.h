@@ -135,10 +135,16 @@ std::string JobLogUploadUrl(const char* base);
 // detail part (rule line also when the text contains "Creating " or "Using
 // script", or the message has a summary), the text, "\r\n" and the closing
 // boundary, and without one no closing boundary at all; then "\r\n".
-// The answer is read and dropped. Prints nothing.
-// Result: 0 when the post was sent, 1 when no connection was made (`err`
+// The answer is read to its end and dropped (PostRequest, net/transport.h;
+// a wait that ran out or a lost connection is left in `err`). Prints
+// nothing. Result: 0 when a connection was made, 1 when none was (`err`
 // holds the reason).
 int HTTPPostHTML2(std::string& err, const intptr_t* record);
+
+// The request of HTTPPostHTML2 without its Content-Length line: the header
+// lines for `host` and `port`, and the form body for `record`.
+std::string JobLogRecordHead(const std::string& host, const std::string& port);
+std::string JobLogRecordBody(const intptr_t* record);
 
 // Forget the WEFTLANE_SERVER value and URL that HTTPPostHTML2 keeps, so the
 // next call reads the environment again. For tests; the old client had no

@@ -1,10 +1,12 @@
 #include "net/soap.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <vector>
 
+#include "net/answer.h"
 #include "net/joblog.h"
 #include "net/transport.h"
 #include "support/paths.h"
@@ -72,20 +74,20 @@ std::string SoapRequestHeader(const std::string& path, const std::string& host,
          "Content-Length: " + std::to_string(stated) + "\n" + "\n";
 }
 
-void SendPieces(int fd, const char* text, const char* after) {
+int SendPieces(int fd, const char* text, const char* after) {
   const size_t after_len = std::strlen(after);
   const char* p = OrEmpty(text);
   while (*p) {
     const size_t piece = std::strcspn(p, "\r\n");
     if (piece > 0) {
-      (void)WriteAll(fd, p, piece);
-      if (after_len > 0)
-        (void)WriteAll(fd, after, after_len);
+      if (WriteAll(fd, p, piece) != 0 || (after_len > 0 && WriteAll(fd, after, after_len) != 0))
+        return -1;  // the rest would only fail as well
     }
     p += piece;
     while (*p == '\r' || *p == '\n')
       ++p;
   }
+  return 0;
 }
 
 size_t CountWithoutLineBreaks(const char* text) {
@@ -133,8 +135,13 @@ int HTTPPostSoapHeader(std::string& err, const char* url, const char* xml, uint3
                        static_cast<long>(CountWithoutLineBreaks(xml)) +
                        static_cast<long>(extra_length);
   std::string header = SoapRequestHeader(path, host, port, counted + 1);
-  (void)WriteAll(fd, header.data(), header.size());  // a failed connection fails silently
-  SendPieces(fd, OrEmpty(xml), "");
+  // A failed connection makes the sends fail silently; a connection that
+  // stops taking bytes is named.
+  if (fd >= 0 &&
+      (WriteAll(fd, header.data(), header.size()) != 0 || SendPieces(fd, OrEmpty(xml), "") != 0) &&
+      errno == ETIMEDOUT) {
+    err = SendError(ETIMEDOUT, "the log stream", PeerText(fd));
+  }
   return 0;
 }
 
@@ -157,19 +164,22 @@ int LogMessageText(int fd, const char* text) {
     std::fputs(OrEmpty(text), stdout);
   if (!Posting())
     return 0;
-  SendPieces(fd, OrEmpty(text), "|");
+  (void)SendPieces(fd, OrEmpty(text), "|");  // as the old client, failures go unreported
   return 0;
 }
 
 int LogMessageFooter(int fd) {
   if (!Posting())
     return static_cast<int>(myLogType);
-  SendPieces(fd, LogFooterText.c_str(), "");
-  (void)writen(fd, "\n\n", 2);
+  if (SendPieces(fd, LogFooterText.c_str(), "") == 0)
+    (void)writen(fd, "\n\n", 2);
+  // Read to the answer's end and dropped; nobody is told of a failure here.
+  AnswerReader answer(fd);
   std::vector<char> line(kFooterAnswerLine);
-  while (readline(fd, line.data(), kFooterAnswerLine) > 0) {
+  while (answer.Line(line.data(), kFooterAnswerLine) > 0) {
   }
-  WLCleanUp(fd);
+  if (fd >= 0)
+    WLCleanUp(fd);
   return 0;
 }
 
@@ -183,25 +193,35 @@ char* HTTPPostSoap2(std::string& err, const char* url, const char* xml, uint32_t
   std::vector<char> work(doc_len + kAnswerLineAllowance, '\0');
   const size_t counted = raw ? doc_len : CountWithoutLineBreaks(doc);
   std::string header = SoapRequestHeader(path, host, port, static_cast<long>(counted) + 1);
-  (void)WriteAll(fd, header.data(), header.size());
-  if (raw) {
-    (void)WriteAll(fd, doc, doc_len);
-  } else {
-    SendPieces(fd, doc, "");
-  }
-  (void)writen(fd, "\n\n", 2);
+  const std::string server = fd >= 0 ? PeerText(fd) : "";
+  int sent = WriteAll(fd, header.data(), header.size());
+  if (sent == 0)
+    sent = raw ? WriteAll(fd, doc, doc_len) : SendPieces(fd, doc, "");
+  if (sent == 0)
+    sent = writen(fd, "\n\n", 2);
+  const bool send_timed_out = sent != 0 && errno == ETIMEDOUT;
 
   // Joined in a std::string and copied once: appending every line to a safe
   // string would copy the whole answer again for each line.
   std::string answer;
   bool any = false;
   const int32_t limit = work.size() > INT32_MAX ? INT32_MAX : static_cast<int32_t>(work.size());
-  while (readline(fd, work.data(), limit) >= 1) {
-    answer.append(work.data(), std::strlen(work.data()));
-    any = true;
-  }
-  if (fd >= 0)
+  if (fd >= 0) {
+    if (send_timed_out) {
+      err = SendError(ETIMEDOUT, "the SOAP request", server);
+    } else {
+      AnswerReader reader(fd);
+      while (reader.Line(work.data(), limit) >= 1) {
+        answer.append(work.data(), std::strlen(work.data()));
+        any = true;
+      }
+      // Only waits that ran out and lost connections are named: the
+      // answer itself goes back to the caller as it came.
+      if (reader.TimedOut() || reader.error() != 0)
+        err = AnswerError(reader, "the SOAP request", server);
+    }
     WLCleanUp(fd);
+  }
   char* result = nullptr;
   if (any)
     safe_cpy(&result, answer.c_str());

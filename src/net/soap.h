@@ -52,8 +52,9 @@ std::string SoapRequestHeader(const std::string& path, const std::string& host,
                               const std::string& port, long stated);
 // Send `text` in pieces: every maximal run of characters other than "\r"
 // and "\n", one after the other, each followed by `after` ("" for
-// nothing). Send failures are ignored.
-void SendPieces(int fd, const char* text, const char* after);
+// nothing). 0 when all was sent; -1 (errno from writen) at the first send
+// that failed, the rest being left unsent.
+int SendPieces(int fd, const char* text, const char* after);
 // Characters of `text` that are neither "\r" nor "\n".
 size_t CountWithoutLineBreaks(const char* text);
 
@@ -83,13 +84,14 @@ int LogMessageHeader(std::string& err, int32_t event_type, const char* detail_gr
 int LogMessageText(int fd, const char* text);
 
 // Close a stream: with log type 2 or 3, send LogFooterText in pieces, then
-// "\n\n", read and drop the answer, close `fd` and return 0. With any other
+// "\n\n", read the answer to its end and drop it, close `fd` and return 0. With any other
 // log type do nothing and return the log type.
 int LogMessageFooter(int fd);
 
 // Connect to `url`, send the request header and `xml` in pieces, and leave
 // the connection open in `*fd_out` (-1 when the connection failed; the
-// sends then fail silently and `err` holds the reason). The stated length is
+// sends then fail silently and `err` holds the reason; a send that ran out
+// of time is named in `err`). The stated length is
 // 1 + the characters of LogFooterText + the characters of `xml` that are not
 // line breaks + `extra_length`. Always 0.
 int HTTPPostSoapHeader(std::string& err, const char* url, const char* xml, uint32_t extra_length,
@@ -102,8 +104,10 @@ int HTTPPostSoapHeader(std::string& err, const char* url, const char* xml, uint3
 // and every character is counted; with `raw` 0 it is sent in pieces and only
 // characters other than line breaks are counted. The stated length is that
 // count + 1, and "\n\n" follows the document, so one byte more than stated
-// is sent (the old client did so). Answer lines are read with a limit of the
-// document's length + 20 bytes and joined; each is taken up to its first NUL.
+// is sent (the old client did so). Answer lines are read to the answer's
+// end (net/answer.h) with a limit of the document's length + 20 bytes and
+// joined; each is taken up to its first NUL. A wait that ran out or a lost
+// connection is named in `err`.
 char* HTTPPostSoap2(std::string& err, const char* url, const char* xml, uint32_t raw);
 
 // HTTPPostSoap2 with raw 0, answer dropped: 0 when an answer came, 1 when

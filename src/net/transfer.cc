@@ -1,9 +1,11 @@
 #include "net/transfer.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
+#include "net/answer.h"
 #include "net/soap.h"
 #include "net/transport.h"
 #include "support/strings.h"
@@ -41,11 +43,17 @@ bool GetOverHttp(std::string& err, const char* source, std::string& result) {
   int fd = tcp_connect(err, url.c_str(), host, port, path);
   if (fd < 0)
     return false;
-  const std::string request = "GET " + path + " HTTP/1.0\n" + "\n\n";
-  (void)WriteAll(fd, request.data(), request.size());
+  const std::string request = GetRequest(path);
+  const std::string server = PeerText(fd);
+  if (WriteAll(fd, request.data(), request.size()) != 0 && errno == ETIMEDOUT) {
+    err = SendError(ETIMEDOUT, "the request for " + path, server);
+    WLCleanUp(fd);
+    return true;
+  }
+  AnswerReader answer(fd);
   std::vector<char> line(kGetLine);
   bool in_header = true;
-  while (readline(fd, line.data(), kGetLine) >= 1) {
+  while (answer.Line(line.data(), kGetLine) >= 1) {
     if (in_header) {
       const char first = line[0];
       if (first == '\0' || first == '\n' || first == '\r') {
@@ -57,6 +65,10 @@ bool GetOverHttp(std::string& err, const char* source, std::string& result) {
     }
     AppendText(result, line.data());
   }
+  // A wait that ran out or a lost connection wins over the status judged
+  // above; the content read so far still goes back.
+  if (answer.TimedOut() || answer.error() != 0)
+    err = AnswerError(answer, "the request for " + path, server);
   WLCleanUp(fd);
   return true;
 }
@@ -75,6 +87,8 @@ bool GetFromFile(const char* source, std::string& result) {
 }
 
 }  // namespace
+
+std::string GetRequest(const std::string& path) { return "GET " + path + " HTTP/1.0\n" + "\n\n"; }
 
 char* HTTPGet(std::string& err, const char* source) {
   err.clear();
@@ -110,16 +124,29 @@ int HTTPPost(std::string& err, const char* url, const char* path) {
   }
   std::rewind(file);
   const std::string header = SoapRequestHeader(url_path, host, port, total + 1);
-  (void)WriteAll(fd, header.data(), header.size());
-  while (std::fgets(line.data(), kPostLine, file)) {
+  int sent = WriteAll(fd, header.data(), header.size());
+  while (sent == 0 && std::fgets(line.data(), kPostLine, file)) {
     const char* stripped = StripChar(line.data(), "\r\n", 2);
-    (void)WriteAll(fd, stripped, std::strlen(stripped));
+    sent = WriteAll(fd, stripped, std::strlen(stripped));
   }
-  (void)writen(fd, "\n\n", 2);
-  std::vector<char> answer(kAnswerLine);
-  while (readline(fd, answer.data(), kAnswerLine) > 0) {
+  if (sent == 0)
+    sent = writen(fd, "\n\n", 2);
+  if (fd >= 0) {
+    // A failed connection left its message in `err` and sends nothing; on
+    // a made one, waits that ran out and lost connections are named.
+    const std::string server = PeerText(fd);
+    if (sent != 0 && errno == ETIMEDOUT) {
+      err = SendError(ETIMEDOUT, OrEmpty(path), server);
+    } else {
+      AnswerReader answer(fd);
+      std::vector<char> scratch(kAnswerLine);
+      while (answer.Line(scratch.data(), kAnswerLine) > 0) {
+      }
+      if (answer.TimedOut() || answer.error() != 0)
+        err = AnswerError(answer, OrEmpty(path), server);
+    }
+    WLCleanUp(fd);
   }
-  WLCleanUp(fd);
   // The file is deliberately left open, as the old client left it.
   return 0;
 }

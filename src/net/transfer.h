@@ -5,6 +5,9 @@
 
 #include <string>
 
+// The request of HTTPGet: "GET <path> HTTP/1.0\n" and "\n\n".
+std::string GetRequest(const std::string& path);
+
 // Fetch a text resource and return it as a new safe string that the caller
 // releases with safe_free, or null.
 //   - `source` beginning with "http://" (exactly so, lower case): every blank
@@ -23,7 +26,9 @@
 //     a file that cannot be opened gives null and no message.
 // A text that begins with the not-found page "<head><title>Not Found (4"
 // (first 25 characters, any letter case) is dropped: null.
-// The answer is held whole in memory.
+// The answer is read to the end its framing announces (net/answer.h) and
+// held whole in memory; a wait that ran out or a lost connection replaces
+// err with its message (what was read still comes back).
 char* HTTPGet(std::string& err, const char* source);
 
 // Send the local text file `path` to `url` with the SOAP-style request
@@ -31,8 +36,9 @@ char* HTTPGet(std::string& err, const char* source);
 // "\r" and "\n" are stripped from both ends of each (StripChar mode 2) and
 // the lines are sent one after the other with nothing between them, then
 // "\n\n". The stated Content-Length is the sum of the stripped lengths + 1.
-// The answer is read and dropped. The connection's failure is not looked at
-// (sends then fail silently; err says why). The file stays open after a
+// The answer is read to its end and dropped. The connection's failure is
+// not looked at (sends then fail silently; err says why); on a made
+// connection a wait that ran out or a lost connection is named in err. The file stays open after a
 // send, as in the old client.
 // Result: 0 after sending; 7 when the file cannot be opened, after printing
 // "ERROR 11: Could not read dependency file <path>" on standard output (the

@@ -1,6 +1,7 @@
 #include "net/transport.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,6 +13,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "net/answer.h"
+
 struct hostent* h = nullptr;
 int DoneGetHostByName = 0;
 HostLookupFn wl_host_lookup = &gethostbyname;
@@ -19,8 +22,9 @@ HostLookupFn wl_host_lookup = &gethostbyname;
 namespace {
 
 constexpr int32_t kSendPiece = 1024;
-constexpr int32_t kAnswerLine = 2048;
 constexpr size_t kDiscardSize = 60000;
+
+int net_timeout = kDefaultNetTimeout;
 
 std::string InvalidUrl(const char* url) {
   return std::string("ERROR 404: Invalid URL ") + url + "\n";
@@ -35,30 +39,37 @@ bool AfterSlashes(const char* url, std::string& rest) {
   return true;
 }
 
-// connect() that survives a signal: once interrupted, the connection goes on
-// in the background, so wait for it and fetch its outcome.
-int ConnectRetrying(int fd, const sockaddr_in& addr) {
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0)
-    return 0;
-  if (errno != EINTR)
+// connect() bounded by the network timeout: started without blocking, then
+// waited for. Once started (or interrupted by a signal) the connection goes
+// on in the background, so wait for it and fetch its outcome. 1 connected,
+// 0 timed out, -1 failed (errno says why).
+int ConnectBounded(int fd, const sockaddr_in& addr) {
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0)
     return -1;
-  for (;;) {
-    pollfd p{fd, POLLOUT, 0};
-    int r = poll(&p, 1, -1);
-    if (r < 0 && errno == EINTR)
-      continue;
-    if (r < 0)
+  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  int result = 1;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    if (errno != EINPROGRESS && errno != EINTR)
       return -1;
+    int ready = WaitReady(fd, POLLOUT, NetDeadline());
     int so_error = 0;
     socklen_t len = sizeof so_error;
-    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &so_error, &len) != 0)
+    if (ready == 0) {
+      result = 0;
+    } else if (ready < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &so_error, &len) != 0) {
       return -1;
-    if (so_error != 0) {
+    } else if (so_error != 0) {
       errno = so_error;
       return -1;
     }
-    return 0;
   }
+  fcntl(fd, F_SETFL, flags);
+  return result;
+}
+
+std::string ServerText(const in_addr& address, uint16_t port) {
+  return std::string(inet_ntoa(address)) + " on port " + std::to_string(port);
 }
 
 // Cut `text` at its first ":" and return the number of the port text after
@@ -98,22 +109,107 @@ uint16_t PortFromText(const char* text) {
   return static_cast<uint16_t>(value);
 }
 
-int tcp_connect(std::string& err, const char* url, std::string& host, std::string& port,
-                std::string& path) {
-  err.clear();
-  uint16_t port_number = kDefaultPort;
-  std::string rest;
-  if (!AfterSlashes(url, rest)) {
-    err = InvalidUrl(url);
+void SetNetTimeout(int seconds) {
+  net_timeout = std::clamp(seconds, 0, kMaxNetTimeout);
+}
+
+int NetTimeout() { return net_timeout; }
+
+std::optional<int> ParseNetTimeout(const char* text) {
+  std::string_view v = text ? text : "";
+  while (!v.empty() && (v.front() == ' ' || v.front() == '\t'))
+    v.remove_prefix(1);
+  while (!v.empty() && (v.back() == ' ' || v.back() == '\t'))
+    v.remove_suffix(1);
+  if (v.empty() || v.size() > 9)
+    return std::nullopt;
+  int value = 0;
+  for (char c : v) {
+    if (c < '0' || c > '9')
+      return std::nullopt;
+    value = value * 10 + (c - '0');
+  }
+  if (value > kMaxNetTimeout)
+    return std::nullopt;
+  return value;
+}
+
+std::string SetNetTimeoutFrom(const char* value) {
+  SetNetTimeout(kDefaultNetTimeout);
+  if (!value)
+    return "";
+  if (auto seconds = ParseNetTimeout(value)) {
+    SetNetTimeout(*seconds);
+    return "";
+  }
+  return std::string("WARNING: WEFTLANE_TIMEOUT ") + value + " is not a number of seconds from 0 to " +
+         std::to_string(kMaxNetTimeout) + "; waiting at most " +
+         std::to_string(kDefaultNetTimeout) + " s";
+}
+
+std::optional<NetClock::time_point> NetDeadline() {
+  if (net_timeout == 0)
+    return std::nullopt;
+  return NetClock::now() + std::chrono::seconds(net_timeout);
+}
+
+int WaitReady(int fd, short events, std::optional<NetClock::time_point> deadline) {
+  if (fd < 0) {  // poll would skip it and just sleep
+    errno = EBADF;
     return -1;
   }
+  for (;;) {
+    int ms = -1;
+    if (deadline) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - NetClock::now());
+      ms = left.count() <= 0 ? 0 : static_cast<int>(std::min<int64_t>(left.count(), INT32_MAX));
+    }
+    pollfd p{fd, events, 0};
+    int r = poll(&p, 1, ms);
+    if (r < 0 && errno == EINTR)
+      continue;
+    return r < 0 ? -1 : r > 0 ? 1 : 0;
+  }
+}
+
+std::string PeerText(int fd) {
+  sockaddr_in sa{};
+  socklen_t len = sizeof sa;
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0 || sa.sin_family != AF_INET)
+    return "the server";
+  return ServerText(sa.sin_addr, ntohs(sa.sin_port));
+}
+
+std::string TimeoutError(const std::string& wait, const std::string& server) {
+  return "ERROR 410: Timed out after " + std::to_string(net_timeout) + " s " + wait + " " +
+         server + "\n";
+}
+
+bool SplitConnectUrl(const char* url, std::string& host, std::string& port, std::string& path,
+                     uint16_t* port_number) {
+  std::string rest;
+  if (!AfterSlashes(url, rest))
+    return false;
   host = rest;
   if (size_t slash = host.find('/'); slash != std::string::npos)
     path = host.substr(slash);
   // The first ":" anywhere after the "//" counts, even inside the path.
-  port_number = SplitPort(host, &port);
+  const uint16_t number = SplitPort(host, &port);
+  if (port_number)
+    *port_number = number;
   if (size_t slash = host.find('/'); slash != std::string::npos)
     host.resize(slash);
+  return true;
+}
+
+int tcp_connect(std::string& err, const char* url, std::string& host, std::string& port,
+                std::string& path) {
+  err.clear();
+  uint16_t port_number = kDefaultPort;
+  if (!SplitConnectUrl(url, host, port, path, &port_number)) {
+    err = InvalidUrl(url);
+    return -1;
+  }
 
   in_addr address{};
   h = wl_host_lookup(host.c_str());
@@ -140,7 +236,13 @@ int tcp_connect(std::string& err, const char* url, std::string& host, std::strin
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0)
     std::perror("tcp_connect socket error:");
-  if (ConnectRetrying(fd, sa) != 0) {
+  const int connected = fd < 0 ? -1 : ConnectBounded(fd, sa);
+  if (connected == 0) {
+    close(fd);
+    err = TimeoutError("connecting to", ServerText(address, port_number));
+    return -1;
+  }
+  if (connected < 0) {
     // The descriptor is left open here, as the old client did.
     err = std::string("ERROR 401: Could not connect to ") + inet_ntoa(address) + " on port " +
           std::to_string(port_number) + "\n";
@@ -167,9 +269,24 @@ void getHostPort(std::string& err, const char* url, std::string& host, std::stri
 int writen(int fd, const void* data, int32_t len) {
   const char* p = static_cast<const char*>(data);
   int32_t left = len;
+  const bool bounded = net_timeout > 0;
   while (left > 0) {
-    ssize_t sent = send(fd, p, static_cast<size_t>(std::min(left, kSendPiece)), MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR)
+    if (bounded) {
+      int ready = WaitReady(fd, POLLOUT, NetDeadline());
+      if (ready == 0) {
+        // Later sends on this connection then fail at once instead of
+        // waiting out the bound again, piece after piece.
+        shutdown(fd, SHUT_RDWR);
+        errno = ETIMEDOUT;
+      }
+      if (ready <= 0)
+        return -1;
+    }
+    // Without blocking when bounded: poll's "writable" does not promise room
+    // for the whole piece, and a partial send is simply continued.
+    ssize_t sent = send(fd, p, static_cast<size_t>(std::min(left, kSendPiece)),
+                        MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
+    if (sent < 0 && (errno == EINTR || (bounded && (errno == EAGAIN || errno == EWOULDBLOCK))))
       continue;
     if (sent <= 0)
       return -1;
@@ -186,6 +303,13 @@ int readline(int fd, char* buf, int32_t size) {
   int32_t n = 1;
   char* out = buf;
   while (n < size) {
+    if (net_timeout > 0) {
+      int ready = WaitReady(fd, POLLIN, NetDeadline());
+      if (ready == 0)
+        errno = ETIMEDOUT;
+      if (ready <= 0)
+        return -1;
+    }
     ssize_t peeked = recv(fd, out, static_cast<size_t>(size - n), MSG_PEEK);
     if (peeked < 0) {
       if (errno == EINTR)
@@ -227,6 +351,13 @@ int readline(int fd, char* buf, int32_t size) {
 int readlineAndDiscard(int fd) {
   static_assert(kDiscardSize == 60000);
   std::array<char, kDiscardSize> scratch{};
+  if (net_timeout > 0) {
+    int ready = WaitReady(fd, POLLIN, NetDeadline());
+    if (ready == 0)
+      errno = ETIMEDOUT;
+    if (ready <= 0)
+      return -1;
+  }
   for (;;) {
     ssize_t got = read(fd, scratch.data(), scratch.size());
     if (got < 0 && errno == EINTR)
@@ -254,24 +385,58 @@ int WriteAll(int fd, const char* data, size_t size) {
   return 0;
 }
 
-int HTTPPostHTML(std::string& err, const char* url, std::string& header, const char* body) {
+std::string ContentLengthLine(size_t body_size) {
+  return "Content-Length: " + std::to_string(body_size) + "\n\n";
+}
+
+PostResult PostRequest(std::string& err, const char* url, std::string_view head,
+                       std::string_view body, const std::string& what) {
   err.clear();
+  PostResult result;
   std::string host;
   std::string port;
   std::string path;
   int fd = tcp_connect(err, url, host, port, path);
   if (fd == -1 || !err.empty())
-    return 1;
-  const char* text = body ? body : "";
-  size_t body_len = std::strlen(text);
-  header += "Content-Length: " + std::to_string(body_len) + "\n\n";
-  // Send failures are not acted on: the answer loop below ends at once on a
-  // broken connection.
-  (void)WriteAll(fd, header.data(), header.size());
-  (void)WriteAll(fd, text, body_len);
-  std::array<char, kAnswerLine> line;
-  while (readline(fd, line.data(), kAnswerLine) > 0) {
+    return result;
+  result.connected = true;
+  result.server = PeerText(fd);
+  std::string send_error;
+  bool send_timed_out = false;
+  if (WriteAll(fd, head.data(), head.size()) != 0 || WriteAll(fd, body.data(), body.size()) != 0) {
+    send_timed_out = errno == ETIMEDOUT;
+    send_error = SendError(errno, what, result.server);
+  }
+  // Even after a failed send the server may have said why it stopped
+  // reading, so its answer is still read, unless the send ran out of time.
+  AnswerReader answer(fd);
+  std::string read_error;
+  if (!send_timed_out) {
+    answer.Drain();
+    read_error = AnswerError(answer, what, result.server);
   }
   WLCleanUp(fd);
-  return 0;
+  const AnswerParser& parsed = answer.parser();
+  result.status_line = parsed.status_line();
+  result.has_status = parsed.HasStatus();
+  result.code = parsed.code();
+  if (result.has_status || send_error.empty())
+    err = read_error;
+  else
+    err = send_error;
+  return result;
+}
+
+std::string SendError(int err_no, const std::string& what, const std::string& server) {
+  if (err_no == ETIMEDOUT)
+    return TimeoutError("sending " + what + " to", server);
+  return "ERROR 411: Connection to " + server + " lost while sending " + what + ": " +
+         std::strerror(err_no) + "\n";
+}
+
+int HTTPPostHTML(std::string& err, const char* url, std::string& header, const char* body) {
+  const char* text = body ? body : "";
+  const std::string_view body_text(text, std::strlen(text));
+  header += ContentLengthLine(body_text.size());
+  return PostRequest(err, url, header, body_text, "the request").connected ? 0 : 1;
 }

@@ -19,17 +19,25 @@
 // port defaults to 8080; a port text is read like atoi (leading digits, 0
 // when none) and reduced modulo 65536.
 //
-// Nothing here times out: every call blocks until the peer or the operating
-// system gives up. Sends use MSG_NOSIGNAL, so a peer that closes early makes
-// a send fail instead of raising SIGPIPE.
+// Waits are bounded by the network timeout (SetNetTimeout, default 300 s; 0
+// waits forever as the old client did): the connect, every send and every
+// receive. A wait that runs out is reported as
+//   "ERROR 410: Timed out after <n> s <wait> <server>\n"
+// where <server> is "<a.b.c.d> on port <n>" as in ERROR 401. The name
+// lookup is not bounded. Sends use MSG_NOSIGNAL, so a peer that closes early
+// makes a send fail instead of raising SIGPIPE.
 //
 // Not thread-safe: `h` points into the resolver's static storage.
 
 #include <netdb.h>
+#include <poll.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 // Host entry of the most recent name lookup (the resolver's own static
 // result; not owned, never freed). Null when that lookup failed.
@@ -45,9 +53,49 @@ extern HostLookupFn wl_host_lookup;
 // Default port when the URL names none.
 inline constexpr uint16_t kDefaultPort = 8080;
 
+// Network timeout in seconds: the bound of every wait of the net subsystem.
+// 0 means no bound. The program sets it from WEFTLANE_TIMEOUT; library
+// users call SetNetTimeout themselves or keep the default.
+inline constexpr int kDefaultNetTimeout = 300;
+// The largest bound: poll counts milliseconds in an int.
+inline constexpr int kMaxNetTimeout = 2000000;
+void SetNetTimeout(int seconds);
+int NetTimeout();
+// A WEFTLANE_TIMEOUT text: decimal digits only (blanks around them
+// allowed), at most kMaxNetTimeout. None for anything else.
+std::optional<int> ParseNetTimeout(const char* text);
+
+// Set the network timeout from a WEFTLANE_TIMEOUT value: null (unset) gives
+// the default; a value ParseNetTimeout refuses also gives the default and
+// the result is the warning line (without "\n") to print:
+//   "WARNING: WEFTLANE_TIMEOUT <value> is not a number of seconds from 0 to
+//    2000000; waiting at most 300 s"
+// "" otherwise.
+std::string SetNetTimeoutFrom(const char* value);
+
+// The moment the current bound ends when counted from now; none without a
+// bound.
+using NetClock = std::chrono::steady_clock;
+std::optional<NetClock::time_point> NetDeadline();
+// Wait until `fd` is ready for `events` (POLLIN or POLLOUT) or `deadline`
+// passes: 1 ready (or in error, which the next call reports), 0 timed out,
+// -1 when poll fails. Survives signals.
+int WaitReady(int fd, short events, std::optional<NetClock::time_point> deadline);
+// "<a.b.c.d> on port <n>" of the connection's peer, "the server" when the
+// peer is unknown.
+std::string PeerText(int fd);
+// "ERROR 410: Timed out after <NetTimeout()> s <wait> <server>\n".
+std::string TimeoutError(const std::string& wait, const std::string& server);
+
 // Port of a port text: atoi-style leading digits (optional blanks and sign),
 // 0 when there are none, reduced modulo 65536.
 uint16_t PortFromText(const char* text);
+
+// The split of tcp_connect below without the connection: false (nothing
+// written) when the URL has no "//". `port_number`, when given, receives
+// the port to connect to.
+bool SplitConnectUrl(const char* url, std::string& host, std::string& port, std::string& path,
+                     uint16_t* port_number = nullptr);
 
 // Split `url` for a connection and connect to it.
 //   - No "//" in the URL: err = "ERROR 404: Invalid URL <url>\n", -1.
@@ -63,6 +111,9 @@ uint16_t PortFromText(const char* text);
 //   - A failed connect gives err = "ERROR 401: Could not connect to <a.b.c.d>
 //     on port <n>\n" and -1; the unconnected descriptor is deliberately left
 //     open (the old client did so).
+//   - A connect that outlasts the network timeout gives err = "ERROR 410:
+//     Timed out after <n> s connecting to <a.b.c.d> on port <n>\n" and -1;
+//     the descriptor is closed.
 // Returns the connected, blocking socket; the caller closes it with
 // WLCleanUp.
 int tcp_connect(std::string& err, const char* url, std::string& host, std::string& port,
@@ -78,7 +129,9 @@ void getHostPort(std::string& err, const char* url, std::string& host, std::stri
 
 // Send `len` bytes of `data` in pieces of at most 1024 bytes, retrying a
 // piece interrupted by a signal. 0 when everything was sent (or len <= 0),
-// -1 on error.
+// -1 on error; when a piece could not be sent within the network timeout,
+// -1 with errno ETIMEDOUT, and the connection is shut down (both ways) so
+// that later sends and receives on it fail at once.
 int writen(int fd, const void* data, int32_t len);
 
 // writen for any size_t length (slices of at most 1 GiB; the pieces on the
@@ -93,7 +146,8 @@ int WriteAll(int fd, const char* data, size_t size);
 //     in the socket for the next call);
 //   - stream ended before any byte: 0, and `buf` is left untouched (not even
 //     terminated);
-//   - receive error other than EINTR: -1.
+//   - receive error other than EINTR: -1; no byte within the network
+//     timeout: -1 with errno ETIMEDOUT.
 // A "\r" before the "\n" is kept. With size <= 1 nothing is read: buf[0]
 // becomes NUL and the result is 1 (buf must hold at least one byte).
 // Never consumes more bytes from the socket than it stores.
@@ -106,10 +160,46 @@ int readlineAndDiscard(int fd);
 // Close `fd`; always 0.
 int WLCleanUp(int fd);
 
+// The error text for a send of `what` to `server` that failed with
+// `err_no`: "ERROR 410: Timed out after <n> s sending <what> to <server>\n"
+// for ETIMEDOUT, otherwise "ERROR 411: Connection to <server> lost while
+// sending <what>: <strerror>\n".
+std::string SendError(int err_no, const std::string& what, const std::string& server);
+
+// "Content-Length: <n>\n\n": the line HTTPPostHTML ends a header block with.
+std::string ContentLengthLine(size_t body_size);
+
+// What became of one request sent by PostRequest.
+struct PostResult {
+  bool connected = false;
+  std::string server;       // PeerText of the connection
+  std::string status_line;  // first line of the answer, "" when none came
+  bool has_status = false;  // that line is an HTTP status line
+  int code = -1;            // its status code
+};
+
+// Connect to `url`, send `head` and then `body`, read the answer to its end
+// (net/answer.h), close. `err` gets the connection's error (as
+// tcp_connect), or, when no status line came back, the first of:
+//   "ERROR 410: Timed out after <n> s sending <what> to <server>\n",
+//   "ERROR 411: Connection to <server> lost while sending <what>: <reason>\n",
+//   "ERROR 410: Timed out after <n> s waiting for the answer to <what> from
+//    <server>\n",
+//   "ERROR 411: Connection to <server> lost while reading the answer to
+//    <what>: <reason>\n",
+//   "ERROR 412: No answer from <server> to <what>\n" (closed at once),
+// and, with a status line, only "ERROR 412: Short answer from <server> to
+// <what>\n" when the peer closed before the answer's announced end, or the
+// time-out and loss messages for the answer. The status is not judged here.
+PostResult PostRequest(std::string& err, const char* url, std::string_view head,
+                       std::string_view body, const std::string& what);
+
 // Send a prepared request and drain the answer. Connects to `url`; appends
-// "Content-Length: <strlen(body)>\n\n" to `header` (the caller's text is
-// changed in place); sends the header, then `body` up to its first NUL; reads
-// the answer line by line to its end, discarding it (the status is not
-// looked at); closes. 0 when a connection was made, whatever the writes and
-// the answer did; 1 when none was made (`err` holds the reason).
+// ContentLengthLine(strlen(body)) to `header` (the caller's text is changed
+// in place); sends the header, then `body` up to its first NUL; reads the
+// answer to its end (the status is not looked at) and closes: PostRequest
+// with <what> "the request". 0 when a connection was made, whatever the
+// writes and the answer did (`err` names a wait that ran out, a lost
+// connection or a missing answer); 1 when none was made (`err` holds the
+// reason).
 int HTTPPostHTML(std::string& err, const char* url, std::string& header, const char* body);

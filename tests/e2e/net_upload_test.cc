@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "driver/settings.h"
 #include "net/upload.h"
-#include "support/strings.h"
 #include "testlib/net_fixtures.h"
 
 namespace {
@@ -28,17 +26,14 @@ TEST(NetUpload, PythonServerParsesFieldsAndFile) {
   const std::string content =
       "SCMType=SVN\nA ./src/main.c 0123abcd\r\nC ./lib/\xe9t\xe9.o 89ab\n\n!!!!\nno newline";
   WriteFile(dir / name, content);
-  ResetSettings();
-  safe_cpy(&TaskName, "nightly build");
-  safe_cpy(&MachineLabel, "bm01");
-  LogURL = "http://127.0.0.1:" + server.line + "/weftlane/LogUpload";
+  const UploadTarget target{"http://127.0.0.1:" + server.line + "/weftlane/LogUpload",
+                            "nightly build", "", "bm01", "", ""};
   {
     ScopedCwd cwd(dir.path());
     CaptureStdout out;
-    UploadFile(name.c_str());
-    EXPECT_EQ(out.Take(), "LogUrl=" + LogURL + "\n\n");
+    UploadFile(target, name.c_str());
+    EXPECT_EQ(out.Take(), "LogUrl=" + target.url + "\n\n");
   }
-  ResetSettings();
   ASSERT_EQ(server.Wait().status, 0) << server.Wait().err;
   std::string parsed;
   for (const char* item : {"request-line", "host", "content-type", "parts", "field-JobName",
