@@ -3,11 +3,12 @@
 # need, when any is missing. Needs root (apt-get); otherwise it only names
 # what is missing.
 #   build and tests:   cmake g++ ninja-build libgtest-dev, subversion and cvs
-#                      (real clients in the tests and the sample), python3, perl
+#                      (real clients in the tests and the sample), python3, perl,
+#                      nginx (the proxy of the upload test)
 #   CI only:           clang (second release compiler), pkg-config, dpkg-dev and
 #                      file (the .deb and its dependencies), man-db (man page check)
 set -eu
-packages="cmake g++ make ninja-build libgtest-dev subversion cvs python3 perl
+packages="cmake g++ make ninja-build libgtest-dev subversion cvs python3 perl nginx
           clang pkg-config dpkg-dev file man-db"
 missing=""
 for p in $packages; do

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "net/transport.h"
 #include "net/upload.h"
 #include "testlib/net_fixtures.h"
 
@@ -92,6 +93,61 @@ TEST(NetRun, InspectionUploadsBothReportsToTheReceiver) {
     }
     EXPECT_EQ(receiver.Wait().out, lines);
   }
+}
+
+// Behind stock nginx in front of the receiver: a run's two uploads finish
+// (the proxy keeps the connection open after each answer; waiting for its
+// close would run into the timeout's ERROR lines), both reports arrive
+// byte-identical and a job name with a double quote arrives whole; a report
+// over nginx's 1 MiB body limit gets the refusal's ERROR line.
+TEST(NetRun, BehindNginx) {
+  if (NginxBinary().empty())
+    GTEST_SKIP() << "nginx is not installed";
+  TempDir dir;
+  const std::string start = dir / "start", base = "night\"ly-box-2020-10-14 10_20_30";
+  const std::string sent = "night%22ly-box-2020-10-14 10_20_30";
+  MakeDirs(start);
+  MakeDirs(dir / "home");
+  WriteFile(dir / "tree/src/main.c", "int main(void) { return 0; }\n");
+  BackgroundRun receiver({WL_RECEIVER, "--dir", dir / "got", "--port-file", dir / "port",
+                          "--count", "2", "--timeout", "60"},
+                         dir / "port");
+  ASSERT_FALSE(receiver.line.empty()) << receiver.Wait().err;
+  NginxProxy proxy(dir / "nginx", receiver.line);
+  ASSERT_NE(proxy.port, 0) << ReadFile(dir / "nginx/error.log").value_or("");
+
+  auto env = ToolEnv(dir / "home", proxy.Url());
+  env["WEFTLANE_TIMEOUT"] = "10";
+  auto r = RunTool({"-b", dir / "tree", "-lj", "night\"ly", "-lm", "box", "-lo", "me", "-ld",
+                    "2020-10-14 10_20_30"},
+                   env, start);
+  EXPECT_EQ(r.status, 0) << r.out;
+  const std::string posted = "LogUrl=" + proxy.Url() + "/LogUpload\n\n";
+  EXPECT_NE(r.out.find("Uploading Report Data " + base + "-bom.data\n" + posted +
+                       "Uploading Report Data " + base + "-diff.data\n" + posted + "Complete\n"),
+            std::string::npos)
+      << r.out;
+  ASSERT_EQ(receiver.Wait().status, 0) << receiver.Wait().err;
+  for (const std::string n_kind : {"1-bom", "2-diff"}) {
+    const std::string kind = n_kind.substr(1);
+    EXPECT_EQ(ReadFile(dir / ("got/" + n_kind.substr(0, 1) + "-" + sent + kind + ".data")),
+              ReadFile(start + "/" + base + "-01" + kind + ".data"))
+        << kind;
+    EXPECT_EQ(ReadFile(dir / ("got/" + n_kind.substr(0, 1) + "-fields.txt")).value_or(""),
+              "JobName=night%22ly\nOwner=me\nMachine=box\nPublicBuildJob=false\n"
+              "JobDateTime=2020-10-14 10_20_30\n");
+  }
+
+  WriteFile(dir / "big.data", std::string((1 << 20) + 1, 'b'));
+  SetNetTimeout(10);
+  CaptureStdout out;
+  UploadFile(UploadTarget{proxy.Url() + "/LogUpload", "job", "", "box", "", ""},
+             (dir / "big.data").c_str());
+  SetNetTimeout(kDefaultNetTimeout);
+  EXPECT_EQ(out.Take(), "LogUrl=" + proxy.Url() + "/LogUpload\nERROR 409: Upload of " +
+                            (dir / "big.data") + " refused by 127.0.0.1 on port " +
+                            std::to_string(proxy.port) +
+                            ": HTTP/1.1 413 Request Entity Too Large\n\n");
 }
 
 #endif  // WL_RECEIVER

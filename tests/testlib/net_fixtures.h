@@ -4,6 +4,7 @@
 // background program after 60 s.
 
 #include <arpa/inet.h>
+#include <signal.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -200,6 +202,49 @@ struct BackgroundRun {
   std::string line;
   RunResult result;
   std::thread thread;
+};
+
+// The nginx program, "" where it is not installed.
+inline std::string NginxBinary() {
+  for (const char* p : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"}) {
+    if (access(p, X_OK) == 0)
+      return p;
+  }
+  return "";
+}
+
+// nginx as a reverse proxy on a free 127.0.0.1 port in front of
+// 127.0.0.1:`upstream`, run as this user in one foreground process with its
+// files in `dir` and its stock keep-alive and body limit. `port` stays 0
+// when it did not start.
+struct NginxProxy {
+  NginxProxy(const std::string& dir_in, const std::string& upstream) : dir(dir_in) {
+    MakeDirs(dir);
+    uint16_t free_port = RefusingPort().port;
+    WriteFile(dir + "/nginx.conf",
+              "daemon off; master_process off; pid " + dir + "/nginx.pid;\n"
+              "error_log " + dir + "/error.log;\nevents { worker_connections 64; }\n"
+              "http { access_log off; client_body_temp_path " + dir + "/body;\n"
+              "  proxy_temp_path " + dir + "/proxy; fastcgi_temp_path " + dir + "/fastcgi;\n"
+              "  uwsgi_temp_path " + dir + "/uwsgi; scgi_temp_path " + dir + "/scgi;\n"
+              "  server { listen 127.0.0.1:" + std::to_string(free_port) +
+              "; location / { proxy_pass http://127.0.0.1:" + upstream + "; } } }\n");
+    // The pid file is written once the port listens.
+    run.emplace(std::vector<std::string>{NginxBinary(), "-p", dir + "/", "-e", dir + "/error.log",
+                                         "-c", dir + "/nginx.conf"},
+                dir + "/nginx.pid");
+    if (!run->line.empty())
+      port = free_port;
+  }
+  ~NginxProxy() {
+    if (!run->line.empty())
+      kill(std::stoi(run->line), SIGTERM);
+    run->Wait();
+  }
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port); }
+  std::string dir;
+  uint16_t port = 0;
+  std::optional<BackgroundRun> run;
 };
 
 }  // namespace wltest
