@@ -136,8 +136,8 @@ std::optional<int> ParseNetTimeout(const char* text) {
 
 std::string SetNetTimeoutFrom(const char* value) {
   SetNetTimeout(kDefaultNetTimeout);
-  if (!value)
-    return "";
+  if (!value || std::strspn(value, " \t") == std::strlen(value))
+    return "";  // unset, or set empty in a property file
   if (auto seconds = ParseNetTimeout(value)) {
     SetNetTimeout(*seconds);
     return "";

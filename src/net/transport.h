@@ -65,8 +65,8 @@ int NetTimeout();
 // allowed), at most kMaxNetTimeout. None for anything else.
 std::optional<int> ParseNetTimeout(const char* text);
 
-// Set the network timeout from a WEFTLANE_TIMEOUT value: null (unset) gives
-// the default; a value ParseNetTimeout refuses also gives the default and
+// Set the network timeout from a WEFTLANE_TIMEOUT value: null or blank
+// (unset) gives the default; a value ParseNetTimeout refuses also gives the default and
 // the result is the warning line (without "\n") to print:
 //   "WARNING: WEFTLANE_TIMEOUT <value> is not a number of seconds from 0 to
 //    2000000; waiting at most 300 s"

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <regex>
 
 #include "net/joblog.h"
@@ -183,6 +184,78 @@ TEST(HTTPPost, RequestFromTheFile) {
             }),
             "");
   EXPECT_EQ(out.Take(), "ERROR 11: Could not read dependency file /nonexistent/deps.txt\n");
+}
+
+// Every library facility gives up on a server that takes the request and
+// never answers within the configured bound, naming the wait and the server.
+TEST(Facilities, SilentServerTimesOut) {
+  TempDir dir;
+  WriteFile(dir / "deps.txt", "a\n");
+  SetNetTimeout(1);
+  struct Facility {
+    const char* what;
+    std::function<std::string(const std::string& url)> call;  // the error text
+  };
+  const Facility facilities[] = {
+      {"the SOAP request",
+       [](const std::string& url) {
+         std::string err;
+         EXPECT_EQ(HTTPPostSoap(err, url.c_str(), "<a/>"), 1);
+         return err;
+       }},
+      {"the request for /f",
+       [](const std::string& url) {
+         std::string err;
+         char* text = HTTPGet(err, (url + "/f").c_str());
+         EXPECT_STREQ(text, "");
+         safe_free(&text);
+         return err;
+       }},
+      {"DEPS",
+       [&](const std::string& url) {
+         std::string err;
+         EXPECT_EQ(HTTPPost(err, url.c_str(), (dir / "deps.txt").c_str()), 0);
+         return err;
+       }},
+      {"the job log message",
+       [](const std::string& url) {
+         std::string err;
+         JobLogRecord record{};
+         const std::string base = url + "/x";  // the upload address keeps scheme, host, port
+         record[kSlotServerUrl] = JobLogText(base.c_str());
+         EXPECT_EQ(HTTPPostHTML2(err, record), 0);
+         ResetHTTPPostHTML2();
+         return err;
+       }},
+      {"the request",
+       [](const std::string& url) {
+         std::string err;
+         SetupJobInfo(err, 1, (url + "/LogUpload").c_str(), "job", "me", "m", "d", "true");
+         myLogType = 2;
+         CaptureStdout out;
+         EXPECT_EQ(LogMessage(err, 0, 0, "", "", "", nullptr, "x"), 0);
+         EXPECT_EQ(out.Take(), err + "\n");
+         int fd = -1;
+         std::string stream_err;
+         LogMessageHeader(stream_err, 0, "g", "s", "e", "m", 0, &fd);
+         EXPECT_EQ(LogMessageFooter(fd), 0);  // bounded, nobody told
+         myLogType = 0;
+         return err;
+       }},
+  };
+  for (const auto& f : facilities) {
+    LoopbackListener server(
+        [](ServerConn& c) {
+          c.ReadUntil([](const std::string& d) { return d.find("\n\n") != d.npos; });
+          c.ReadUntil([](const std::string&) { return false; });  // until the client leaves
+        },
+        f.what == std::string("the request") ? 2 : 1);
+    std::string what = f.what == std::string("DEPS") ? dir / "deps.txt" : f.what;
+    EXPECT_EQ(f.call(server.Url()), "ERROR 410: Timed out after 1 s waiting for the answer to " +
+                                        what + " from 127.0.0.1 on port " +
+                                        std::to_string(server.port) + "\n");
+  }
+  SetNetTimeout(kDefaultNetTimeout);
 }
 
 }  // namespace

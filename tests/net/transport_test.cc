@@ -1,5 +1,7 @@
 #include "net/transport.h"
 
+#include "net/answer.h"
+
 #include <gtest/gtest.h>
 
 #include "testlib/net_fixtures.h"
@@ -104,6 +106,74 @@ TEST(Readline, ResultsAndStoredText) {
     }
     close(fd[0]);
   }
+}
+
+TEST(NetTimeout, FromTheSetting) {
+  const std::pair<const char*, int> cases[] = {
+      {nullptr, 300}, {"", 300},       {" \t", 300},      {"0", 0},   {"300", 300},
+      {" 7 ", 7},     {"2000000", 2000000}, {"2000001", -1}, {"-1", -1}, {"1.5", -1},
+      {"abc", -1},    {"99999999999", -1},
+  };
+  for (const auto& [text, seconds] : cases) {
+    const std::string warning = SetNetTimeoutFrom(text);
+    EXPECT_EQ(NetTimeout(), seconds < 0 ? 300 : seconds) << (text ? text : "null");
+    EXPECT_EQ(warning, seconds < 0 ? std::string("WARNING: WEFTLANE_TIMEOUT ") + text +
+                                         " is not a number of seconds from 0 to 2000000; waiting "
+                                         "at most 300 s"
+                                   : "");
+  }
+  SetNetTimeout(kDefaultNetTimeout);
+}
+
+// An answer is handed out line by line up to the end its framing announces,
+// even when the peer keeps the connection open; the bytes after that end
+// stay unread. "|" separates the lines as returned.
+TEST(AnswerReader, EndsWhereTheAnswerSaysItEnds) {
+  SetNetTimeout(1);  // a missed end would show as a time-out
+  struct Case {
+    std::string sent;
+    bool close;  // the peer closes after sending
+    std::string lines, status;
+    bool ended;
+  };
+  const std::string st = "HTTP/1.1 200 OK", ok = st + "\r\n";
+  const Case cases[] = {
+      {ok + "Content-Length: 3\r\n\r\nOK\nEXTRA", false,
+       ok + "|Content-Length: 3\r\n|\r\n|OK\n|", st, true},
+      {ok + "content-length:2\n\nOKEXTRA", false, ok + "|content-length:2\n|\n|OK|", st, true},
+      {ok + "Transfer-Encoding: gzip, chunked\r\n\r\n2;a=b\r\nab\r\n0\r\nX: y\r\n\r\nEXTRA", false,
+       ok + "|Transfer-Encoding: gzip, chunked\r\n|\r\n|2;a=b\r\n|ab\r\n|0\r\n|X: y\r\n|\r\n|", st,
+       true},
+      {"HTTP/1.1 100 Go\r\n\r\nHTTP/1.1 304 Same\r\n\r\nEXTRA", false,
+       "HTTP/1.1 100 Go\r\n|\r\n|HTTP/1.1 304 Same\r\n|\r\n|", "HTTP/1.1 304 Same", true},
+      {ok + "Content-Length: 2\r\nContent-Length: 3\r\n\r\nabc", true,
+       ok + "|Content-Length: 2\r\n|Content-Length: 3\r\n|\r\n|abc|", st, true},
+      {"junk\nmore", true, "junk\n|more|", "junk", true},
+      {ok + "Content-Length: 9\r\n\r\nabc", true, ok + "|Content-Length: 9\r\n|\r\n|abc|", st, false},
+      {ok + "Content-Le", true, ok + "|Content-Le|", st, false},
+      {"", true, "", "", false},
+  };
+  for (const auto& c : cases) {
+    int fd[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0);
+    send(fd[1], c.sent.data(), c.sent.size(), 0);
+    if (c.close)
+      close(fd[1]);
+    AnswerReader reader(fd[0]);
+    std::string lines;
+    char buf[64];
+    int n;
+    while ((n = reader.Line(buf, sizeof buf)) > 0)
+      lines += std::string(buf) + "|";
+    EXPECT_EQ(n, 0) << c.sent;
+    EXPECT_EQ(lines, c.lines) << c.sent;
+    EXPECT_EQ(reader.parser().status_line(), c.status) << c.sent;
+    EXPECT_EQ(reader.Ended(), c.ended) << c.sent;
+    close(fd[0]);
+    if (!c.close)
+      close(fd[1]);
+  }
+  SetNetTimeout(kDefaultNetTimeout);
 }
 
 }  // namespace
