@@ -1,30 +1,30 @@
 #!/usr/bin/env python3
 """Whole-run speed and memory of an inspection, against md5sum.
 
-Generates two deterministic build trees (reused when already present):
-  small: about 30,000 files of 1 to 16 KiB over about 1,500 nested directories
-  large: a few files of 256 MiB
-For each tree it runs, alternately and several times each, with a warm page
-cache:
-  - a whole inspection (-b <tree>, a job name holding ".bom.data") in a start
-    directory that holds the inventory of an earlier run, so the run scans
-    and digests every file, loads the earlier inventory, compares, and writes
-    the change report and the new inventory (uploads go to a closed loopback
-    port and fail at once);
-  - find TREE -type f -print0 | xargs -0 md5sum > /dev/null
-and prints the medians, their ratio, MB/s and the inspection's peak resident
-memory per file (ru_maxrss of the child / number of files).
+Generates deterministic build trees under --data (reused when present):
+  small: 30,000 files of 1 to 16 KiB over 1,500 nested directories
+  deep:  20,000 files of 1 to 4 KiB in one directory
+  large: 6 files of 256 MiB
+  one:   one file of 1 GiB
+  1m:    1,000,000 files of 1 to 2 KiB over 1,000 directories (--with-1m)
+  wide:  150 directories of 1,000 empty files and one of 50,000 (--with-wide;
+         the scale check that used to be a unit test)
+For each tree it runs, in interleaved rounds with a warm page cache:
+  first   an inspection with no earlier inventory (every file "added")
+  second  an inspection whose start directory holds the inventory of an
+          earlier run (loaded and compared: the usual case)
+  md5     find TREE -type f -print0 | xargs -0 md5sum
+  md5-P2  the same with xargs -P2 (two md5sum processes at once)
+and prints per command the median wall time, its ratio to md5, the median
+CPU time (user+system) and the peak resident memory per file.
 
-Targets: inspection <= 1.2 x md5sum on both trees; peak RSS < 2 KiB per file.
-The figures are wall-clock times on whatever else the machine is doing, so
-run it on a quiet machine and compare medians, not single runs.
+Only public tools are used: python3, find, xargs, md5sum (and the binary).
+Wall times depend on what else the machine does: the load average is
+printed before each tree; compare medians, and prefer a quiet machine.
 
-usage: bench/inventory_bench.py [--data DIR] [--binary PATH] [--runs N]
-         [--small-files N] [--dirs N] [--large-files N] [--large-mib N]
-         [--only small|large]
-Data goes to --data (default /tmp/wlinspector-bench), never into the
-repository. Without --binary the script builds build/bench (RelWithDebInfo,
-as CI does) first.
+usage: bench/inventory_bench.py [--data DIR] [--binary PATH] [--rounds N]
+         [--only NAME[,NAME...]] [--with-1m] [--with-wide] [--threads N]
+Without --binary the script builds build/bench (RelWithDebInfo) first.
 """
 
 import argparse
@@ -37,7 +37,7 @@ import sys
 import time
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-JOB = "bench.bom.data"
+JOB = "bench.bom.data"  # holds ".bom.data", so the earlier inventory is found
 MACHINE = "m1"
 DATE = "2026-01-02 03:04:05"
 SEED = 20260102
@@ -49,7 +49,6 @@ def log(msg):
 
 def build_binary():
     build = os.path.join(REPO, "build", "bench")
-    # The optimisation level CI builds with; warnings do not stop a benchmark.
     subprocess.run(["cmake", "-S", REPO, "-B", build, "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                     "-DWL_TESTS=OFF", "-DWL_WERROR=OFF"], check=True, stdout=subprocess.DEVNULL)
     subprocess.run(["cmake", "--build", build, "--target", "wlinspector", "-j", "2"],
@@ -57,7 +56,7 @@ def build_binary():
     return os.path.join(build, "wlinspector")
 
 
-def tree_is_current(root, stamp):
+def stamp_ok(root, stamp):
     try:
         with open(os.path.join(root, ".bench-stamp")) as f:
             return f.read() == stamp
@@ -65,40 +64,46 @@ def tree_is_current(root, stamp):
         return False
 
 
-def mark_tree(root, stamp):
-    # Hidden name: the scan records it, but it is tiny, and md5sum sees it too.
+def fresh(root, stamp):
+    """True when root must be generated (it is then emptied)."""
+    if stamp_ok(root, stamp):
+        return False
+    log(f"generating {root}: {stamp.strip()}")
+    shutil.rmtree(root, ignore_errors=True)
+    os.makedirs(root)
+    return True
+
+
+def mark(root, stamp):
     with open(os.path.join(root, ".bench-stamp"), "w") as f:
         f.write(stamp)
 
 
-def make_small_tree(root, files, dirs):
-    stamp = f"small files={files} dirs={dirs} seed={SEED}\n"
-    if tree_is_current(root, stamp):
+def make_files(root, files, dirs, low, high, nested):
+    stamp = f"files={files} dirs={dirs} sizes={low}-{high} nested={nested} seed={SEED}\n"
+    if not fresh(root, stamp):
         return
-    log(f"generating {files} files over {dirs} directories in {root}")
-    shutil.rmtree(root, ignore_errors=True)
     rng = random.Random(SEED)
     paths = [root]
-    os.makedirs(root)
     for i in range(dirs - 1):
-        parent = paths[rng.randrange(len(paths))]
+        parent = paths[rng.randrange(len(paths))] if nested else root
         d = os.path.join(parent, f"d{i:04d}")
         os.mkdir(d)
         paths.append(d)
+    pool = rng.randbytes(1 << 20)
     for i in range(files):
-        d = paths[rng.randrange(len(paths))]
-        with open(os.path.join(d, f"f{i:05d}.dat"), "wb") as f:
-            f.write(rng.randbytes(rng.randint(1024, 16 * 1024)))
-    mark_tree(root, stamp)
+        d = paths[rng.randrange(len(paths))] if dirs > 1 else root
+        n = rng.randint(low, high)
+        at = rng.randrange(len(pool) - n)
+        with open(os.path.join(d, f"f{i:07d}.dat"), "wb") as f:
+            f.write(i.to_bytes(8, "little") + pool[at:at + n - 8])
+    mark(root, stamp)
 
 
-def make_large_tree(root, count, mib):
-    stamp = f"large files={count} mib={mib} seed={SEED}\n"
-    if tree_is_current(root, stamp):
+def make_big(root, count, mib):
+    stamp = f"big files={count} mib={mib} seed={SEED}\n"
+    if not fresh(root, stamp):
         return
-    log(f"generating {count} files of {mib} MiB in {root}")
-    shutil.rmtree(root, ignore_errors=True)
-    os.makedirs(root)
     rng = random.Random(SEED + 1)
     block = bytearray(rng.randbytes(1 << 20))
     for i in range(count):
@@ -106,12 +111,23 @@ def make_large_tree(root, count, mib):
             for m in range(mib):
                 block[0:16] = f"{i:07d}:{m:07d}:".encode()
                 f.write(block)
-    mark_tree(root, stamp)
+    mark(root, stamp)
+
+
+def make_wide(root):
+    stamp = f"wide seed={SEED}\n"
+    if not fresh(root, stamp):
+        return
+    for d in range(151):
+        sub = os.path.join(root, f"d{d % 10}", f"e{d}")
+        os.makedirs(sub)
+        for f in range(50000 if d == 150 else 1000):
+            open(os.path.join(sub, f"f{f:06d}"), "wb").close()
+    mark(root, stamp)
 
 
 def tree_stats(root):
-    count = 0
-    total = 0
+    count = total = 0
     for dirpath, _, names in os.walk(root):
         for n in names:
             count += 1
@@ -119,15 +135,9 @@ def tree_stats(root):
     return count, total
 
 
-def warm(root):
-    subprocess.run(f"find '{root}' -type f -print0 | xargs -0 cat > /dev/null", shell=True,
-                   check=True)
-
-
 def run_child(argv, cwd, env):
-    """Runs argv in cwd with stdout to /dev/null; returns (wall seconds, exit
-    code, peak resident memory in KiB, CPU seconds of the child and the
-    descendants it waited for)."""
+    """(wall seconds, exit code, peak RSS KiB, CPU seconds) of argv, stdout
+    to /dev/null."""
     devnull = os.open(os.devnull, os.O_WRONLY)
     old = os.getcwd()
     try:
@@ -141,113 +151,115 @@ def run_child(argv, cwd, env):
         os.close(devnull)
     _, status, usage = os.wait4(pid, 0)
     seconds = time.perf_counter() - start
-    cpu = usage.ru_utime + usage.ru_stime
-    return seconds, os.waitstatus_to_exitcode(status), usage.ru_maxrss, cpu
+    return seconds, os.waitstatus_to_exitcode(status), usage.ru_maxrss, \
+        usage.ru_utime + usage.ru_stime
 
 
-def inspection_env():
-    return {"PATH": "/usr/bin:/bin", "HOME": "/tmp", "LC_ALL": "C", "TZ": "UTC",
-            "WEFTLANE_SERVER": "http://127.0.0.1:1"}
+def inspection_env(threads):
+    env = {"PATH": "/usr/bin:/bin", "HOME": "/tmp", "LC_ALL": "C", "TZ": "UTC",
+           "WEFTLANE_SERVER": "http://127.0.0.1:1"}
+    if threads:
+        env["WEFTLANE_THREADS"] = str(threads)
+    return env
 
 
-def prepare_start(start, binary, tree):
-    """A start directory holding exactly one earlier inventory of tree."""
-    shutil.rmtree(start, ignore_errors=True)
-    os.makedirs(start)
+def keep_only_earlier(start):
+    # Later outputs (and reports, whose names also hold ".bom.data") would
+    # change what the next run finds.
+    for name in os.listdir(start):
+        if not name.endswith("-01-bom.data"):
+            os.unlink(os.path.join(start, name))
+
+
+def bench_tree(label, tree, data, binary, rounds, threads):
+    count, total = tree_stats(tree)
+    log(f"\n== {label}: {count} files, {total / 2**20:.1f} MiB; "
+        f"load average {os.getloadavg()[0]:.2f}")
     argv = [binary, "-b", tree, "-lj", JOB, "-lm", MACHINE, "-ld", DATE]
-    _, status, _, _ = run_child(argv, start, inspection_env())
-    if status != 0:
-        sys.exit(f"seeding run failed with status {status}")
-    for name in os.listdir(start):
-        if not name.endswith("-01-bom.data"):
-            os.unlink(os.path.join(start, name))
-    return argv
-
-
-def reset_start(start):
-    # Keep only the earlier inventory: later outputs (and the change reports,
-    # whose names also hold ".bom.data") would change what the next run finds.
-    for name in os.listdir(start):
-        if not name.endswith("-01-bom.data"):
-            os.unlink(os.path.join(start, name))
-
-
-def check_found_earlier(start, argv):
-    out = subprocess.run(argv, cwd=start, env=inspection_env(), capture_output=True,
-                         text=True, check=False).stdout
-    reset_start(start)
+    env = inspection_env(threads)
+    first_dir = os.path.join(data, f"start-{label}-first")
+    second_dir = os.path.join(data, f"start-{label}-second")
+    for d in (first_dir, second_dir):
+        shutil.rmtree(d, ignore_errors=True)
+        os.makedirs(d)
+    if run_child(argv, second_dir, env)[1] != 0:
+        sys.exit("seeding run failed")
+    keep_only_earlier(second_dir)
+    out = subprocess.run(argv, cwd=second_dir, env=env, capture_output=True, text=True).stdout
+    keep_only_earlier(second_dir)
     if "Loading comparison data: " not in out:
         sys.exit("the inspection did not load the earlier inventory:\n" + out)
-
-
-def bench_tree(label, tree, start, binary, runs):
-    count, total = tree_stats(tree)
-    log(f"\n== {label}: {count} files, {total / 2**20:.1f} MiB ({tree})")
-    argv = prepare_start(start, binary, tree)
-    check_found_earlier(start, argv)
-    md5 = ["/bin/sh", "-c", f"find '{tree}' -type f -print0 | xargs -0 md5sum > /dev/null"]
-    warm(tree)
-    ours, theirs, rss, ours_cpu, theirs_cpu = [], [], [], [], []
-    for i in range(runs):
-        secs, status, maxrss, cpu = run_child(argv, start, inspection_env())
-        reset_start(start)
-        if status != 0:
-            sys.exit(f"inspection failed with status {status}")
-        ours.append(secs)
-        ours_cpu.append(cpu)
-        rss.append(maxrss)
-        secs, status, _, cpu = run_child(md5, None, dict(os.environ))
-        if status != 0:
-            sys.exit(f"md5sum pipeline failed with status {status}")
-        theirs.append(secs)
-        theirs_cpu.append(cpu)
-        log(f"  run {i + 1}: inspection {ours[-1]:.3f} s (cpu {ours_cpu[-1]:.3f} s, "
-            f"maxrss {maxrss} KiB), md5sum {theirs[-1]:.3f} s (cpu {theirs_cpu[-1]:.3f} s)")
-    m_ours = statistics.median(ours)
-    m_theirs = statistics.median(theirs)
-    ratio = m_ours / m_theirs
-    per_file = statistics.median(rss) * 1024 / count
-    mb = total / 1e6
-    log(f"  median inspection {m_ours:.3f} s ({mb / m_ours:.0f} MB/s), "
-        f"median md5sum {m_theirs:.3f} s ({mb / m_theirs:.0f} MB/s)")
-    log(f"  ratio inspection/md5sum {ratio:.2f} (target <= 1.20: "
-        f"{'met' if ratio <= 1.2 else 'MISSED'})")
-    cpu_ratio = statistics.median(ours_cpu) / statistics.median(theirs_cpu)
-    log(f"  CPU time (user+sys, less sensitive to other load): inspection "
-        f"{statistics.median(ours_cpu):.3f} s, md5sum pipeline {statistics.median(theirs_cpu):.3f} s, "
-        f"ratio {cpu_ratio:.2f}")
-    log(f"  peak RSS {statistics.median(rss)} KiB = {per_file:.0f} bytes per file"
-        + (f" (target < 2048: {'met' if per_file < 2048 else 'MISSED'})" if count > 1000 else ""))
-    return ratio, per_file
+    per = max(1, min(256, count // 8))
+    commands = {
+        "first": (argv, first_dir, env),
+        "second": (argv, second_dir, env),
+        "md5": (["/bin/sh", "-c", f"find '{tree}' -type f -print0 | xargs -0 md5sum"],
+                None, dict(os.environ)),
+        "md5-P2": (["/bin/sh", "-c",
+                    f"find '{tree}' -type f -print0 | xargs -0 -P2 -n {per} md5sum"],
+                   None, dict(os.environ)),
+    }
+    subprocess.run(commands["md5"][0], stdout=subprocess.DEVNULL, check=True)  # warm the cache
+    wall = {k: [] for k in commands}
+    cpu = {k: [] for k in commands}
+    rss = {k: [] for k in commands}
+    for r in range(rounds):
+        order = list(commands) if r % 2 == 0 else list(reversed(commands))
+        for name in order:
+            args, cwd, cenv = commands[name]
+            secs, status, maxrss, used = run_child(args, cwd, cenv)
+            if cwd == first_dir:
+                for n in os.listdir(first_dir):
+                    os.unlink(os.path.join(first_dir, n))
+            elif cwd == second_dir:
+                keep_only_earlier(second_dir)
+            if status != 0:
+                sys.exit(f"{name} failed with status {status}")
+            wall[name].append(secs)
+            cpu[name].append(used)
+            rss[name].append(maxrss)
+        log(f"  round {r + 1}: " + ", ".join(f"{k} {wall[k][-1]:.3f}s" for k in commands))
+    base = statistics.median(wall["md5"])
+    log(f"  {'command':8} {'wall s':>8} {'x md5':>6} {'cpu s':>8} {'MB/s':>7} {'peak B/file':>12}")
+    for k in commands:
+        w = statistics.median(wall[k])
+        per_file = statistics.median(rss[k]) * 1024 / max(count, 1)
+        log(f"  {k:8} {w:8.3f} {w / base:6.2f} {statistics.median(cpu[k]):8.3f} "
+            f"{total / 1e6 / w:7.0f} {per_file:12.0f}")
 
 
 def main():
     p = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     p.add_argument("--data", default="/tmp/wlinspector-bench")
     p.add_argument("--binary")
-    p.add_argument("--runs", type=int, default=5)
-    p.add_argument("--small-files", type=int, default=30000)
-    p.add_argument("--dirs", type=int, default=1500)
-    p.add_argument("--large-files", type=int, default=4)
-    p.add_argument("--large-mib", type=int, default=256)
-    p.add_argument("--only", choices=["small", "large"])
+    p.add_argument("--rounds", type=int, default=5)
+    p.add_argument("--only", help="comma-separated: small,deep,large,one,1m,wide")
+    p.add_argument("--with-1m", action="store_true")
+    p.add_argument("--with-wide", action="store_true")
+    p.add_argument("--threads", type=int, help="WEFTLANE_THREADS for the inspections")
     a = p.parse_args()
 
     data = os.path.abspath(a.data)
     if data == REPO or data.startswith(REPO + os.sep):
         sys.exit("--data must lie outside the repository")
     binary = os.path.abspath(a.binary) if a.binary else build_binary()
-    log(f"binary {binary}; data under {data}; {a.runs} runs each; "
-        f"{os.cpu_count()} cpus; load average {os.getloadavg()[0]:.2f}")
-
-    if a.only in (None, "small"):
-        small = os.path.join(data, "small")
-        make_small_tree(small, a.small_files, a.dirs)
-        bench_tree("small files", small, os.path.join(data, "start-small"), binary, a.runs)
-    if a.only in (None, "large"):
-        large = os.path.join(data, "large")
-        make_large_tree(large, a.large_files, a.large_mib)
-        bench_tree("large files", large, os.path.join(data, "start-large"), binary, a.runs)
+    names = ["small", "deep", "large", "one"] + (["1m"] if a.with_1m else []) + \
+        (["wide"] if a.with_wide else [])
+    if a.only:
+        names = a.only.split(",")
+    log(f"binary {binary}; data under {data}; {a.rounds} rounds; {os.cpu_count()} cpus")
+    makers = {
+        "small": lambda r: make_files(r, 30000, 1500, 1024, 16 * 1024, True),
+        "deep": lambda r: make_files(r, 20000, 1, 1024, 4 * 1024, False),
+        "large": lambda r: make_big(r, 6, 256),
+        "one": lambda r: make_big(r, 1, 1024),
+        "1m": lambda r: make_files(r, 1000000, 1000, 1024, 2 * 1024, True),
+        "wide": make_wide,
+    }
+    for name in names:
+        root = os.path.join(data, name)
+        makers[name](root)
+        bench_tree(name, root, data, binary, a.rounds, a.threads)
 
 
 if __name__ == "__main__":

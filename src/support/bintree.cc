@@ -1,8 +1,10 @@
 #include "support/bintree.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <set>
 #include <unordered_map>
@@ -12,32 +14,45 @@
 #include "support/strings.h"
 
 // The tree keeps its links exactly where the plain descent puts them, so
-// sorted input makes a chain as high as the tree is large. To keep every
-// operation's cost independent of that shape, an index sits beside the links:
+// sorted input makes a chain as high as the tree is large. Costs stay
+// independent of that shape in three steps:
 //
-// - `order` holds every linked record in walk order (in-order of the links).
-//   It is ordered by the tree's comparator; equal keys keep insertion order
-//   because multiset::insert places a new element after its equals, exactly
-//   as the descent sends an equal key to `greater`. Deletion removes an
-//   element without reordering the others, as the link surgery does.
+// - Inserting: a key above the greatest record (below the least) hangs
+//   from that record's free greater (lesser) link, found without a descent;
+//   sorted input, as an earlier inventory read back, costs O(1) a record.
+//   Other keys descend, at most kDescentBudget steps.
+// - Looking up: an array of the records in walk order, built by one walk
+//   when lookups come without changes in between (or a descent ran out of
+//   budget), searched from where the last lookup ended, so a walk of another
+//   tree in ascending order meets its records in O(1) each, as a merge of
+//   two sorted sequences would. Appends at the greatest end keep it.
+// - Any operation whose descent runs out of budget, and lookups that would
+//   rebuild the array too often, switch the tree to the full index: an
+//   ordered multiset of the records plus a map from each record to its parent
+//   link, kept from then on; every operation is then logarithmic whatever
+//   the shape.
+//
+// The full index (DeepIndex):
+// - `order` holds every linked record in walk order. It is ordered by the
+//   tree's comparator; equal keys keep insertion order because
+//   multiset::insert places a new element after its equals, exactly as the
+//   descent sends an equal key to `greater`.
 // - `links` maps each linked record to the record whose link holds it (the
 //   head for the root) and to its place in `order`, so a record is unlinked
-//   without a descent and without comparing keys: DestroyBintree works even
-//   after a caller has already cleared the keys.
+//   without a descent and without comparing keys.
 //
-// Facts about the links that the index relies on (keys: lesser < record <=
+// Facts about the links that both rely on (keys: lesser < record <=
 // greater, which insertion and deletion both preserve):
 // - A new key k hangs under its in-order predecessor (the last record whose
 //   key is <= k) when that record has no greater child, and otherwise under
 //   its in-order successor (the first record whose key is > k), whose lesser
-//   link is then free. With no predecessor it is the successor, with neither
-//   the tree is empty.
+//   link is then free.
 // - The first record on the search path with a key equal to k is the first
 //   of the equal records in walk order: the others all lie in its greater
 //   subtree.
 // - The smallest record of a non-empty greater subtree is the in-order
 //   successor.
-struct BintreeIndex {
+struct DeepIndex {
   struct ProbeRef {
     const void* record;
   };
@@ -61,14 +76,39 @@ struct BintreeIndex {
     Order::iterator pos;
   };
 
-  explicit BintreeIndex(BintreeCompare compare) : order(Less{compare}) {}
+  explicit DeepIndex(BintreeCompare compare) : order(Less{compare}) {}
 
   Order order;
   std::unordered_map<const BintreeNode*, Entry> links;
+};
+
+struct BintreeIndex {
+  // First and last records in walk order (null when empty, or not known
+  // yet: see KnowEnds).
+  BintreeNode* least = nullptr;
+  BintreeNode* greatest = nullptr;
+  bool ends_known = false;
+  // Records in walk order for lookups: built when a lookup needs it, kept up
+  // to date by appends at the greatest end, dropped by other changes.
+  std::vector<BintreeNode*> sorted;
+  bool sorted_valid = false;
+  size_t finger = 0;  // where the last lookup ended: ascending probes are cheap
+  size_t lookups_since_change = 0;
+  int rebuilds = 0;
+  // The full index, made once a shape turns out to be costly to descend.
+  std::unique_ptr<DeepIndex> deep;
   bool owns_head = false;
 };
 
+
 namespace {
+
+// Steps a descent may take before the tree switches to the full index.
+constexpr size_t kDescentBudget = 256;
+// Lookups in a row, without changes, after which the lookup array pays.
+constexpr size_t kLookupsBeforeArray = 16;
+// Array rebuilds after which lookups switch to the full index instead.
+constexpr int kMaxRebuilds = 16;
 
 // Index allocations fail the way tmalloc does: a line and status 1. The C-style
 // interface has no way to report them, and no exception may cross it.
@@ -87,19 +127,21 @@ BintreeNode** LinkTo(BintreeNode* parent, const BintreeNode* child) {
   return parent->greater == child ? &parent->greater : &parent->lesser;
 }
 
-void SetParent(BintreeIndex* index, BintreeNode* child, BintreeNode* parent) {
+// --- The full index ---
+
+void SetParent(DeepIndex* index, BintreeNode* child, BintreeNode* parent) {
   if (child != nullptr) {
     index->links.at(child).parent = parent;
   }
 }
 
 // Add a record to the index at `hint` (its place in walk order) under `parent`.
-void AddToIndex(BintreeIndex* index, BintreeIndex::Order::const_iterator hint, BintreeNode* node,
+void AddToIndex(DeepIndex* index, DeepIndex::Order::const_iterator hint, BintreeNode* node,
                 BintreeNode* parent) {
   try {
     auto pos = index->order.insert(hint, node);
     try {
-      index->links.emplace(node, BintreeIndex::Entry{parent, pos});
+      index->links.emplace(node, DeepIndex::Entry{parent, pos});
     } catch (...) {
       index->order.erase(pos);
       throw;
@@ -110,9 +152,9 @@ void AddToIndex(BintreeIndex* index, BintreeIndex::Order::const_iterator hint, B
 }
 
 // The first record equal to the probe in walk order, or end().
-BintreeIndex::Order::iterator FindFirstEqual(Bintree* tree, const void* probe) {
-  BintreeIndex::Order& order = tree->index->order;
-  auto it = order.lower_bound(BintreeIndex::ProbeRef{probe});
+DeepIndex::Order::iterator FindFirstEqual(Bintree* tree, const void* probe) {
+  DeepIndex::Order& order = tree->index->deep->order;
+  auto it = order.lower_bound(DeepIndex::ProbeRef{probe});
   if (it != order.end() && tree->compare(probe, *it) == 0) {
     return it;
   }
@@ -121,8 +163,8 @@ BintreeIndex::Order::iterator FindFirstEqual(Bintree* tree, const void* probe) {
 
 // Unlink the linked record `n` with the replacement rule of the plain tree
 // and drop it from the index. No key is compared and nothing is walked.
-void Unlink(BintreeIndex* index, BintreeNode* n) {
-  const BintreeIndex::Entry entry = index->links.at(n);
+void Unlink(DeepIndex* index, BintreeNode* n) {
+  const DeepIndex::Entry entry = index->links.at(n);
   BintreeNode* parent = entry.parent;
   BintreeNode** link = LinkTo(parent, n);
   BintreeNode* g = n->greater;
@@ -152,9 +194,9 @@ void Unlink(BintreeIndex* index, BintreeNode* n) {
   index->links.erase(n);
 }
 
-// Index the records already linked below the head, in walk order.
-void IndexExisting(Bintree* tree) {
-  BintreeIndex* index = tree->index;
+// Calls visit(node, parent) for every linked record in walk order.
+template <typename Visit>
+void InOrderWithParents(Bintree* tree, Visit visit) {
   struct Frame {
     BintreeNode* node;
     BintreeNode* parent;
@@ -170,10 +212,283 @@ void IndexExisting(Bintree* tree) {
     }
     Frame frame = stack.back();
     stack.pop_back();
-    AddToIndex(index, index->order.end(), frame.node, frame.parent);
+    visit(frame.node, frame.parent);
     parent = frame.node;
     node = frame.node->greater;
   }
+}
+
+// Switch to the full index: index the records already linked, in walk order.
+void GoDeep(Bintree* tree) {
+  BintreeIndex* index = tree->index;
+  if (index->deep) {
+    return;
+  }
+  try {
+    index->deep = std::make_unique<DeepIndex>(tree->compare);
+    DeepIndex* deep = index->deep.get();
+    InOrderWithParents(tree, [deep](BintreeNode* node, BintreeNode* parent) {
+      AddToIndex(deep, deep->order.end(), node, parent);
+    });
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
+  }
+  index->sorted.clear();
+  index->sorted.shrink_to_fit();
+  index->sorted_valid = false;
+}
+
+// --- Without the full index ---
+
+// Finds the first and last records by following the outer links (once, for
+// records a caller linked below the head before NewBintree).
+// False when either end lies further than the descent budget.
+bool KnowEnds(Bintree* tree) {
+  BintreeIndex* index = tree->index;
+  if (index->ends_known) {
+    return true;
+  }
+  BintreeNode* least = Root(tree);
+  BintreeNode* greatest = Root(tree);
+  for (size_t steps = 0; least != nullptr && least->lesser != nullptr; ++steps) {
+    if (steps == kDescentBudget) {
+      return false;
+    }
+    least = least->lesser;
+  }
+  for (size_t steps = 0; greatest != nullptr && greatest->greater != nullptr; ++steps) {
+    if (steps == kDescentBudget) {
+      return false;
+    }
+    greatest = greatest->greater;
+  }
+  index->least = least;
+  index->greatest = greatest;
+  index->ends_known = true;
+  return true;
+}
+
+void Changed(BintreeIndex* index) {
+  index->sorted_valid = false;
+  index->lookups_since_change = 0;
+}
+
+void BuildSorted(Bintree* tree) {
+  BintreeIndex* index = tree->index;
+  try {
+    index->sorted.clear();
+    InOrderWithParents(tree, [index](BintreeNode* node, BintreeNode*) {
+      index->sorted.push_back(node);
+    });
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
+  }
+  index->sorted_valid = true;
+  index->finger = 0;
+  ++index->rebuilds;
+}
+
+// First position in the lookup array whose key is not below the probe's,
+// searched outwards from the finger.
+size_t LowerBound(Bintree* tree, const void* probe) {
+  BintreeIndex* index = tree->index;
+  const std::vector<BintreeNode*>& v = index->sorted;
+  auto below = [&](size_t i) { return tree->compare(probe, v[i]) > 0; };
+  const size_t n = v.size();
+  const size_t f = std::min(index->finger, n);
+  // Narrow [lo, hi] around the answer: everything before lo is below the
+  // probe, hi is not below it (or is the end).
+  size_t lo = 0;
+  size_t hi = n;
+  if (f < n && below(f)) {
+    lo = f + 1;
+    for (size_t step = 1;; step *= 2) {
+      size_t i = lo + step - 1;
+      if (i >= n) {
+        break;
+      }
+      if (!below(i)) {
+        hi = i;
+        break;
+      }
+      lo = i + 1;
+    }
+  } else {
+    hi = f;
+    for (size_t step = 1; hi >= step; step *= 2) {
+      size_t i = hi - step;
+      if (below(i)) {
+        lo = i + 1;
+        break;
+      }
+      hi = i;
+    }
+  }
+  while (lo < hi) {
+    size_t mid = lo + (hi - lo) / 2;
+    if (below(mid)) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  index->finger = lo;
+  return lo;
+}
+
+// The result of a budgeted descent for a lookup.
+enum class Descent { kFound, kAbsent, kOverBudget };
+
+Descent FindByDescent(Bintree* tree, const void* probe, BintreeNode** found,
+                      BintreeNode** parent_out) {
+  BintreeNode* parent = tree->head;
+  BintreeNode* node = Root(tree);
+  for (size_t steps = 0; node != nullptr; ++steps) {
+    if (steps == kDescentBudget) {
+      return Descent::kOverBudget;
+    }
+    int32_t c = tree->compare(probe, node);
+    if (c == 0) {
+      *found = node;
+      *parent_out = parent;
+      return Descent::kFound;
+    }
+    parent = node;
+    node = c < 0 ? node->lesser : node->greater;
+  }
+  return Descent::kAbsent;
+}
+
+// The first record equal to the probe in walk order, or null.
+BintreeNode* Lookup(Bintree* tree, const void* probe) {
+  BintreeIndex* index = tree->index;
+  if (!index->deep && !index->sorted_valid) {
+    BintreeNode* found = nullptr;
+    BintreeNode* parent = nullptr;
+    if (++index->lookups_since_change < kLookupsBeforeArray) {
+      Descent d = FindByDescent(tree, probe, &found, &parent);
+      if (d != Descent::kOverBudget) {
+        return found;
+      }
+    }
+    if (index->rebuilds < kMaxRebuilds) {
+      BuildSorted(tree);
+    } else {
+      GoDeep(tree);
+    }
+  }
+  if (index->deep) {
+    auto it = FindFirstEqual(tree, probe);
+    return it == index->deep->order.end() ? nullptr : *it;
+  }
+  size_t pos = LowerBound(tree, probe);
+  if (pos < index->sorted.size() && tree->compare(probe, index->sorted[pos]) == 0) {
+    return index->sorted[pos];
+  }
+  return nullptr;
+}
+
+// Inserts without the full index; false when the descent ran out of budget
+// (nothing changed). *result is InsBintree's result otherwise.
+bool InsertPlain(Bintree* tree, BintreeNode* node, int* result) {
+  BintreeIndex* index = tree->index;
+  if (!KnowEnds(tree)) {
+    return false;
+  }
+  BintreeNode* parent = nullptr;
+  BintreeNode** link = nullptr;
+  bool append = false;
+  if (index->greatest == nullptr) {
+    parent = tree->head;
+    link = &tree->head->greater;
+  } else if (tree->compare(node, index->greatest) > 0) {
+    parent = index->greatest;  // its greater link is free: nothing is above it
+    link = &parent->greater;
+    append = true;
+  } else if (tree->compare(node, index->least) < 0) {
+    parent = index->least;  // its lesser link is free: nothing is below it
+    link = &parent->lesser;
+  } else {
+    parent = tree->head;
+    BintreeNode* at = Root(tree);
+    link = &tree->head->greater;
+    for (size_t steps = 0; at != nullptr; ++steps) {
+      if (steps == kDescentBudget) {
+        return false;
+      }
+      if (at == node) {
+        *result = -1;  // linked already: linking it twice would make a cycle
+        return true;
+      }
+      int32_t c = tree->compare(node, at);
+      if (c == 0 && tree->allowDuplicates == 0) {
+        *result = -1;
+        return true;
+      }
+      parent = at;
+      link = c < 0 ? &at->lesser : &at->greater;
+      at = *link;
+    }
+  }
+  node->greater = nullptr;
+  node->lesser = nullptr;
+  *link = node;
+  if (index->least == nullptr || parent == tree->head) {
+    index->least = index->greatest = node;
+  } else if (link == &index->least->lesser && parent == index->least) {
+    index->least = node;
+  } else if (link == &index->greatest->greater && parent == index->greatest) {
+    index->greatest = node;
+  }
+  if (append && index->sorted_valid) {
+    try {
+      index->sorted.push_back(node);
+    } catch (const std::bad_alloc&) {
+      OutOfMemory();
+    }
+  } else {
+    Changed(index);
+  }
+  *result = 0;
+  return true;
+}
+
+// Unlinks `n` (held by `parent`) by the replacement rule without the full
+// index; false when finding the successor ran out of budget (nothing
+// changed).
+bool UnlinkPlain(Bintree* tree, BintreeNode* n, BintreeNode* parent) {
+  BintreeNode* g = n->greater;
+  BintreeNode* s = nullptr;
+  BintreeNode* p = nullptr;
+  if (g != nullptr && g->lesser != nullptr) {
+    p = g;
+    s = g->lesser;
+    for (size_t steps = 0; s->lesser != nullptr; ++steps) {
+      if (steps == kDescentBudget) {
+        return false;
+      }
+      p = s;
+      s = s->lesser;
+    }
+  }
+  BintreeNode** link = LinkTo(parent, n);
+  BintreeNode* replacement;
+  if (g == nullptr) {
+    replacement = n->lesser;
+  } else if (s == nullptr) {
+    replacement = g;
+    g->lesser = n->lesser;
+  } else {
+    p->lesser = s->greater;
+    s->lesser = n->lesser;
+    s->greater = g;
+    replacement = s;
+  }
+  *link = replacement;
+  BintreeIndex* index = tree->index;
+  index->ends_known = false;  // found again by the next insert
+  Changed(index);
+  return true;
 }
 
 // In-order walk with depths, shared by WalkBintree and WalkWildCardBintree.
@@ -220,12 +535,11 @@ Bintree* NewBintree(void* head, BintreeCompare compare, int32_t allowDuplicates,
   tree->allowDuplicates = allowDuplicates;
   tree->nodeSize = nodeSize;
   try {
-    tree->index = new BintreeIndex(tree->compare);
-    tree->index->owns_head = owns_head;
-    IndexExisting(tree);
+    tree->index = new BintreeIndex;
   } catch (const std::bad_alloc&) {
     OutOfMemory();
   }
+  tree->index->owns_head = owns_head;
   return tree;
 }
 
@@ -241,13 +555,24 @@ int InsBintree(Bintree* tree, void* record) {
   }
   BintreeIndex* index = tree->index;
   BintreeNode* node = Node(record);
-  if (node == tree->head || index->links.count(node) != 0) {
+  if (node == tree->head) {
+    return -1;
+  }
+  if (!index->deep) {
+    int result = -1;
+    if (InsertPlain(tree, node, &result)) {
+      return result;
+    }
+    GoDeep(tree);
+  }
+  DeepIndex* deep = index->deep.get();
+  if (deep->links.count(node) != 0) {
     return -1;  // linking it twice would make a cycle
   }
-  BintreeIndex::Order& order = index->order;
+  DeepIndex::Order& order = deep->order;
   // First record whose key is greater than the new one: the new record goes
   // just before it in walk order, after every equal key.
-  auto successor = order.upper_bound(BintreeIndex::ProbeRef{node});
+  auto successor = order.upper_bound(DeepIndex::ProbeRef{node});
   BintreeNode* predecessor = successor == order.begin() ? nullptr : *std::prev(successor);
   if (predecessor != nullptr && tree->allowDuplicates == 0 &&
       tree->compare(node, predecessor) == 0) {
@@ -265,7 +590,7 @@ int InsBintree(Bintree* tree, void* record) {
     parent = tree->head;
     link = &parent->greater;
   }
-  AddToIndex(index, successor, node, parent);
+  AddToIndex(deep, successor, node, parent);
   node->greater = nullptr;
   node->lesser = nullptr;
   *link = node;
@@ -276,8 +601,7 @@ void* FindBintree(Bintree* tree, const void* probe) {
   if (tree == nullptr || probe == nullptr) {
     return nullptr;
   }
-  auto it = FindFirstEqual(tree, probe);
-  return it == tree->index->order.end() ? nullptr : *it;
+  return Lookup(tree, probe);
 }
 
 void* FindKey(Bintree* tree, const char* key) {
@@ -300,12 +624,25 @@ void* DelBintree(Bintree* tree, const void* probe) {
   if (tree == nullptr || probe == nullptr) {
     return nullptr;
   }
+  BintreeIndex* index = tree->index;
+  if (!index->deep) {
+    BintreeNode* found = nullptr;
+    BintreeNode* parent = nullptr;
+    Descent d = FindByDescent(tree, probe, &found, &parent);
+    if (d == Descent::kAbsent) {
+      return nullptr;
+    }
+    if (d == Descent::kFound && UnlinkPlain(tree, found, parent)) {
+      return found;
+    }
+    GoDeep(tree);
+  }
   auto it = FindFirstEqual(tree, probe);
-  if (it == tree->index->order.end()) {
+  if (it == index->deep->order.end()) {
     return nullptr;
   }
   BintreeNode* node = *it;
-  Unlink(tree->index, node);
+  Unlink(index->deep.get(), node);
   return node;
 }
 
@@ -368,16 +705,22 @@ void DestroyBintree(Bintree* tree, BintreeRelease release) {
   }
   // Remove the root until none is left: the root, then whatever replaced it.
   // The head's lesser link is not consulted: the tree never sets it, and
-  // waiting for a caller-set one to clear would never end.
+  // waiting for a caller-set one to clear would never end. No key is
+  // compared, so a caller may have released the keys already.
   BintreeIndex* index = tree->index;
   while (Root(tree) != nullptr) {
     BintreeNode* root = Root(tree);
-    if (index->links.count(root) == 0) {
-      // Only possible if a caller relinked records behind the tree's back;
-      // stop rather than follow links the index does not know.
-      break;
+    if (!index->deep && !UnlinkPlain(tree, root, tree->head)) {
+      GoDeep(tree);
     }
-    Unlink(index, root);
+    if (index->deep) {
+      if (index->deep->links.count(root) == 0) {
+        // Only possible if a caller relinked records behind the tree's back;
+        // stop rather than follow links the index does not know.
+        break;
+      }
+      Unlink(index->deep.get(), root);
+    }
     if (release != nullptr) {
       release(root);
     }

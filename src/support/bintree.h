@@ -14,9 +14,12 @@
 // - The shape is exactly the one the plain descent from the root gives: no
 //   balancing, so keys inserted in sorted order form a chain, and
 //   DestroyBintree releases records in the order "root, then whatever
-//   replaced it". An ordered index of the records, kept inside the tree,
-//   finds insertion points, lookups and successors without walking such a
-//   chain; it never changes where a record is linked.
+//   replaced it". Sorted input is appended at the greatest (or least) record
+//   without a descent; lookups use an array of the records in walk order,
+//   built when first needed and searched from where the last lookup ended
+//   (so ascending lookups cost O(1) each); a shape that makes a descent long
+//   switches the tree to a full ordered index. None of this changes where a
+//   record is linked.
 // - The tree owns nothing: DestroyBintree frees the records (after the
 //   caller's release function) and the Bintree itself, the caller frees the
 //   head record.
@@ -49,7 +52,7 @@ using BintreeVisit8 = int (*)(void* record, void* a1, void* a2, void* a3, void* 
                               void* a6, int32_t a7, void* a8);
 using BintreeRelease = void (*)(void* record);
 
-struct BintreeIndex;  // internal ordered index (support/bintree.cc)
+struct BintreeIndex;  // internal lookup aids (support/bintree.cc)
 
 struct Bintree {
   BintreeNode* head;  // head record; head->greater is the root

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <random>
 #include <sstream>
 #include <string>
@@ -274,14 +275,27 @@ struct RefNode {
   std::string key;
 };
 
-TEST(BintreeReference, SameLinksOnRandomKeys) {
-  for (int duplicates : {0, 1}) {
-    std::mt19937 rng(12345 + duplicates);
+// Random keys, and a zigzag (a, z, b, y, ...) whose descents grow past any
+// budget so that the tree changes how it finds places: the links stay the
+// plain descent's, every key is found (in random and ascending order) and
+// removals splice as the rules say.
+TEST(BintreeReference, SameLinksAsThePlainDescent) {
+  for (int pattern = 0; pattern < 3; ++pattern) {
+    const int duplicates = pattern == 1;
+    std::mt19937 rng(12345 + pattern);
+    const int kCount = pattern == 2 ? 2000 : 20000;  // the reference zigzag is quadratic
+    std::vector<std::string> keys(kCount);
+    for (int id = 0; id < kCount; ++id) {
+      char buf[16];
+      int n = pattern == 2 ? (id % 2 ? kCount - id : id) : static_cast<int>(rng() % 15000);
+      std::snprintf(buf, sizeof buf, "k%06d", n);
+      keys[id] = buf;
+    }
     TestTree tree(duplicates);
-    std::vector<RefNode> refs(20000);
+    std::vector<RefNode> refs(static_cast<size_t>(kCount));
     RefNode* root = nullptr;
-    for (int id = 0; id < 20000; ++id) {
-      const std::string key = refs[id].key = "k" + std::to_string(rng() % 15000);
+    for (int id = 0; id < kCount; ++id) {
+      const std::string& key = refs[id].key = keys[id];
       RefNode** link = &root;
       while (*link != nullptr && (duplicates || key != (*link)->key)) {
         link = key < (*link)->key ? &(*link)->lesser : &(*link)->greater;
@@ -290,7 +304,44 @@ TEST(BintreeReference, SameLinksOnRandomKeys) {
       *link = *link == nullptr ? &refs[id] : *link;
       ASSERT_EQ(tree.Insert(key, id), want) << key;
     }
-    EXPECT_TRUE(Shape(tree.head->greater) == Shape(root)) << "duplicates " << duplicates;
+    EXPECT_TRUE(Shape(tree.head->greater) == Shape(root)) << "pattern " << pattern;
+    std::vector<std::string> sorted = keys;
+    std::sort(sorted.begin(), sorted.end());
+    int missing = 0;
+    for (const auto* order : {&keys, &sorted})
+      for (const std::string& key : *order)
+        missing += FindKey(tree.tree, key.c_str()) == nullptr;
+    EXPECT_EQ(missing, 0);
+    EXPECT_EQ(FindKey(tree.tree, "k"), nullptr);
+    EXPECT_EQ(FindKey(tree.tree, "l"), nullptr);
+    // Remove a third of the keys from the reference by the same rules.
+    for (int id = 0; id < kCount; id += 3) {
+      RefNode** link = &root;
+      while (*link != nullptr && (*link)->key != keys[id])
+        link = keys[id] < (*link)->key ? &(*link)->lesser : &(*link)->greater;
+      Rec* removed = tree.Delete(keys[id]);
+      ASSERT_EQ(removed != nullptr, *link != nullptr);
+      if (!removed)
+        continue;
+      FreeRec(removed);
+      RefNode* n = *link;
+      if (n->greater == nullptr) {
+        *link = n->lesser;
+      } else if (n->greater->lesser == nullptr) {
+        n->greater->lesser = n->lesser;
+        *link = n->greater;
+      } else {
+        RefNode* p = n->greater;
+        while (p->lesser->lesser != nullptr)
+          p = p->lesser;
+        RefNode* succ = p->lesser;
+        p->lesser = succ->greater;
+        succ->lesser = n->lesser;
+        succ->greater = n->greater;
+        *link = succ;
+      }
+    }
+    EXPECT_TRUE(Shape(tree.head->greater) == Shape(root)) << "pattern " << pattern;
   }
 }
 
