@@ -22,7 +22,7 @@
 #include "support/bintree.h"
 
 // Longest line LoadFileTree reads as one.
-inline constexpr size_t kMaxRecordLine = 1u << 20;
+inline constexpr size_t kMaxRecordLine = 16u << 20;
 
 // Record line format, shared with the change report's lines.
 inline constexpr const char kInventoryRecordFormat[] = "%s;%s;%ld;%ld; %s; %s;\n";
