@@ -94,7 +94,8 @@ TEST(WriteInventory, HeaderLinesUnderTheirConditionsThenRecords) {
   full.machine = "m";
   full.build_label = "L";
   full.build_number = "7";
-  // Only BuildLabel is always written; a line break in the root is escaped.
+  // Only BuildLabel is always written (the other lines are pinned end to
+  // end); a line break in the root is escaped.
   const std::pair<InventoryHeader, std::string> cases[] = {
       {InventoryHeader{}, "BuildLabel=\n"},
       {full, "SCMType=SVN\nModuleRootDir=/w;x\\x0a\\x0d\nMachineName=m\nBuildLabel=L\nBuildNumber=7\n"},

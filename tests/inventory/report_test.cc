@@ -66,27 +66,6 @@ TEST(Report, TheComparisonRule) {
   }
 }
 
-TEST(Report, Header) {
-  char* buf = nullptr;
-  size_t len = 0;
-  ScopedFileTree empty;
-  ChangeReport report;
-  report.now = report.before = empty.get();
-  for (const char* number : {static_cast<const char*>(nullptr), "7"}) {
-    report.stream = open_memstream(&buf, &len);
-    report.scm_type_text = number ? "SVN" : nullptr;
-    report.machine = number ? "m" : nullptr;
-    report.build_label = number ? "L 1" : "";
-    report.build_number = number;
-    wltest::CaptureStdout progress;
-    WriteChangeReport(report);
-    std::fclose(report.stream);
-    EXPECT_EQ(std::string(buf, len),
-              number ? "SCMType=SVN\nMachineName=m\nBuildLabel=L 1\nBuildNumber=7\n" : "BuildLabel=\n");
-    std::free(buf);
-  }
-}
-
 TEST(Report, LinesEscapeWhatTheirFieldsCannotHold) {
   ScopedFileTree before, now;
   before.Add("/w", " gone;", 1, kA, "");
