@@ -1,5 +1,8 @@
 #include "fake_clients.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace fuzz {
@@ -9,25 +12,35 @@ FakeClients* current = nullptr;
 }  // namespace
 
 FakeClients::FakeClients(std::vector<std::string> outputs)
-    : outputs_(std::move(outputs)), saved_(ScmClientOpen) {
+    : outputs_(std::move(outputs)), saved_(ScmClientSpawn) {
   current = this;
-  ScmClientOpen = &FakeClients::Open;
+  ScmClientSpawn = &FakeClients::Open;
 }
 
 FakeClients::~FakeClients() {
-  ScmClientOpen = saved_;
+  ScmClientSpawn = saved_;
   current = nullptr;
 }
 
-FILE* FakeClients::Open(const char* /*command*/) {
+int FakeClients::Open(const char* /*command*/, pid_t* pid) {
+  *pid = -1;  // no process: nothing to wait for
   if (current == nullptr || current->next_ >= current->outputs_.size())
-    return nullptr;
-  std::string& out = current->outputs_[current->next_++];
-  // An empty memory stream cannot be made; /dev/null reads as empty.
-  // The pipe is closed with pclose, which closes any stream.
-  if (out.empty())
-    return std::fopen("/dev/null", "re");
-  return fmemopen(out.data(), out.size(), "r");
+    return -1;
+  const std::string& out = current->outputs_[current->next_++];
+  // The output is read from an in-memory file the runner closes.
+  int fd = memfd_create("fake-client", MFD_CLOEXEC);
+  if (fd < 0)
+    return -1;
+  for (size_t done = 0; done < out.size();) {
+    ssize_t n = write(fd, out.data() + done, out.size() - done);
+    if (n <= 0) {
+      close(fd);
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  lseek(fd, 0, SEEK_SET);
+  return fd;
 }
 
 std::vector<std::string> SplitOutputs(std::string_view text, size_t count) {

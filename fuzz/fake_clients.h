@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "scm/scmtool.h"
+#include <sys/types.h>
+
+#include "scm/runner.h"
 
 namespace fuzz {
 
@@ -19,10 +21,10 @@ class FakeClients {
   FakeClients& operator=(const FakeClients&) = delete;
 
  private:
-  static FILE* Open(const char* command);
+  static int Open(const char* command, pid_t* pid);
   std::vector<std::string> outputs_;
   size_t next_ = 0;
-  ClientOpenFn saved_;
+  ClientSpawnFn saved_;
 };
 
 // Cuts `text` at every "\n" followed by a NUL byte into at most `count`

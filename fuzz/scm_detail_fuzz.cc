@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/settings.h"
 #include "fake_clients.h"
 #include "fuzz_support.h"
 #include "inventory/filenode.h"
@@ -68,7 +67,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::abort();
     {
       fuzz::FakeClients clients(outputs);
-      GetDetail(type, report, new_node, old_node);
+      ScmSession scm;
+      scm.type = type;
+      GetDetail(scm, report, new_node, old_node);
     }
     std::fclose(report);
     std::free(text);

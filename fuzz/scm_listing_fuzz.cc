@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/settings.h"
 #include "fake_clients.h"
 #include "fuzz_support.h"
 #include "inventory/filenode.h"
@@ -56,10 +55,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Bintree* tree = TreeOf(build_dir, names);
     {
       fuzz::FakeClients clients({output});
+      ScmSession scm;
+      scm.type = type;
+      scm.files = tree;
       if (type == kScmSi)
-        ListSiSandbox(tree, build_dir.c_str(), sandbox);
+        ListSiSandbox(scm, build_dir.c_str(), sandbox);
       else
-        FindVersionInfo(tree, build_dir.c_str(), type);
+        FindVersionInfo(scm, build_dir.c_str());
     }
     DestroyBintree(tree, FreeFileNode);
   }
@@ -69,14 +71,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string log = output;
   for (size_t at = log.find(".."); at != std::string::npos; at = log.find("..", at))
     log.replace(at, 2, "__");
-  const uint32_t saved_type = SCMType;
-  SCMType = kScmCvsRep;
   Bintree* tree = TreeOf(build_dir, names);
   {
     fuzz::FakeClients clients({log});
-    (void)LoadRepository(nullptr, build_dir.c_str(), tree);
+    ScmSession scm;
+    scm.type = kScmCvsRep;
+    scm.files = tree;
+    (void)LoadRepository(scm, build_dir.c_str());
   }
   DestroyBintree(tree, FreeFileNode);
-  SCMType = saved_type;
   return 0;
 }

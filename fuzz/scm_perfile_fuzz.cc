@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/settings.h"
 #include "fake_clients.h"
 #include "fuzz_support.h"
 #include "inventory/filenode.h"
@@ -59,19 +58,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool made = mkdir(build_dir.c_str(), 0700) == 0;
   (void)made;
 
-  Bintree* const saved_files = FileTree;
-  Bintree* const saved_dirs = DirTree;
   for (uint32_t type : {kScmVss, kScmPerforce, kScmHarvest}) {
-    FileTree = TreeOf(build_dir, names);
-    DirTree = NewBintree(nullptr, CompareFunc, 0, sizeof(DirNode));
+    ScmSession scm;
+    scm.type = type;
+    scm.files = TreeOf(build_dir, names);
+    scm.dirs = NewBintree(nullptr, CompareFunc, 0, sizeof(DirNode));
     {
       fuzz::FakeClients clients(outputs);
-      WalkBintree(FileTree, LoadVersionInfo, &type);
+      WalkBintree(scm.files, LoadVersionInfo, &scm);
     }
-    DestroyBintree(DirTree, FreeBNode);
-    DestroyBintree(FileTree, FreeFileNode);
+    DestroyBintree(scm.dirs, FreeBNode);
+    DestroyBintree(scm.files, FreeFileNode);
   }
-  FileTree = saved_files;
-  DirTree = saved_dirs;
   return 0;
 }

@@ -140,17 +140,43 @@ class RunResources {
   FileNode* old_head_ = nullptr;
 };
 
+// WEFTLANE_CLIENT_TIMEOUT (environment or property files): seconds one SCM
+// client may run; 0 means no bound. Unset or not a number: the default.
+unsigned ClientTimeout() {
+  const char* text = GetEnv("WEFTLANE_CLIENT_TIMEOUT");
+  if (text == nullptr || *text < '0' || *text > '9')
+    return kDefaultClientTimeout;
+  char* end = nullptr;
+  errno = 0;
+  unsigned long seconds = std::strtoul(text, &end, 10);
+  if (*end != '\0' || errno != 0 || seconds > 0xFFFFFFFFul)
+    return kDefaultClientTimeout;
+  return static_cast<unsigned>(seconds);
+}
+
+// The SCM stage's view of the run, read once from the settings (the trees
+// must exist).
+ScmSession MakeScmSession() {
+  ScmSession scm;
+  scm.type = SCMType;
+  scm.user = User;
+  scm.password = Password;
+  scm.files = FileTree;
+  scm.dirs = DirTree;
+  scm.client_timeout = ClientTimeout();
+  return scm;
+}
+
 // Fills FileTree by the method the SCM type selects.
-void AcquireInventory(const std::string& build_dir) {
-  if ((SCMType & ~kListingMask) == 0) {
+void AcquireInventory(ScmSession& scm, const std::string& build_dir) {
+  if ((scm.type & ~kListingMask) == 0) {
     LoadRecursiveFiles(DirName.c_str(), build_dir.c_str(), FileTree);
-    FindVersionInfo(FileTree, build_dir.c_str(), SCMType);
-  } else if ((SCMType & ~kPerFileMask) == 0) {
+    FindVersionInfo(scm, build_dir.c_str());
+  } else if ((scm.type & ~kPerFileMask) == 0) {
     LoadRecursiveFiles(DirName.c_str(), build_dir.c_str(), FileTree);
-    uint32_t scm_type = SCMType;
-    WalkBintree(FileTree, LoadVersionInfo, &scm_type);
+    WalkBintree(FileTree, LoadVersionInfo, &scm);
   } else {
-    LoadRepository(DirName.c_str(), build_dir.c_str(), FileTree);
+    LoadRepository(scm, build_dir.c_str());
   }
 }
 
@@ -197,9 +223,11 @@ OutputNames PlanOutputs() {
   return names;
 }
 
-// Changes into the build directory, fills FileTree and returns to the start
-// directory; returns the start directory as read back.
-std::string ScanBuildDirectory(RunResources& resources, const std::string& start_dir) {
+// Changes into the build directory, creates the trees, fills `scm` and with
+// it FileTree, and returns to the start directory; returns the start
+// directory as read back.
+std::string ScanBuildDirectory(RunResources& resources, const std::string& start_dir,
+                               ScmSession& scm) {
   // A build directory that cannot be entered is not an error: the scan then
   // runs in the start directory.
   std::string build_dir = WorkDir;
@@ -210,7 +238,8 @@ std::string ScanBuildDirectory(RunResources& resources, const std::string& start
   DirName = build_dir;
 
   resources.CreateTrees();
-  AcquireInventory(build_dir);
+  scm = MakeScmSession();
+  AcquireInventory(scm, build_dir);
 
   if (chdir(start_dir.c_str()) != 0) {
     // ignored: the names below are relative and the outcome shows when the
@@ -245,7 +274,7 @@ bool PutNumbered(PendingOutput& output, std::string& name, const char* suffix,
 
 // Writes the change report and the inventory and puts both in place; returns
 // the exit status.
-int WriteOutputs(OutputNames& names) {
+int WriteOutputs(OutputNames& names, ScmSession& scm) {
   if (DirectoryInTheWay(names.report))
     return CouldNotWrite(names.report);
   PendingOutput report;
@@ -259,8 +288,8 @@ int WriteOutputs(OutputNames& names) {
   changes.build_number = BuildNumber;
   changes.now = FileTree;
   changes.before = OldFileTree;
-  changes.scm_type = SCMType;
-  changes.detail = GetDetail;
+  changes.detail = ChangeDetail;
+  changes.detail_context = &scm;
   WriteChangeReport(changes);
 
   if (DirectoryInTheWay(names.inventory))
@@ -325,9 +354,10 @@ int RunInspection(RunResources& resources) {
   std::printf("NewFileName=%s\n", names.inventory.c_str());
   std::printf("OldFileName=%s\n", names.old.c_str());
 
-  start_dir = ScanBuildDirectory(resources, start_dir);
+  ScmSession scm;
+  start_dir = ScanBuildDirectory(resources, start_dir, scm);
   LoadFileTree(OldFileTree, names.old.c_str());
-  int status = WriteOutputs(names);
+  int status = WriteOutputs(names, scm);
   return status != 0 ? status : TransferOutputs(names);
 }
 

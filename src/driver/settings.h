@@ -11,23 +11,8 @@
 #include <cstdint>
 #include <string>
 
+#include "scm/session.h"  // SCM type values
 #include "support/bintree.h"
-
-// SCM type values selected by -c.
-inline constexpr uint32_t kScmNone = 0;
-inline constexpr uint32_t kScmCvs = 1;
-inline constexpr uint32_t kScmCvsRep = 2;
-inline constexpr uint32_t kScmClearCase = 4;
-inline constexpr uint32_t kScmHarvest = 8;
-inline constexpr uint32_t kScmSvn = 16;
-inline constexpr uint32_t kScmVss = 32;
-inline constexpr uint32_t kScmPerforce = 64;
-inline constexpr uint32_t kScmSi = 128;
-inline constexpr uint32_t kScmAccurev = 256;
-inline constexpr uint32_t kScmMstf = 512;  // MSTF and TEAMPRISE
-// Acquisition groups: a type belongs to a group when (type & mask) == type.
-inline constexpr uint32_t kListingMask = 0x10395;
-inline constexpr uint32_t kPerFileMask = 0x68;
 
 extern std::string WorkDir;         // -b, initially "."
 extern std::string DirName;         // absolute build directory entered, initially "."

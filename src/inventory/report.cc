@@ -55,7 +55,7 @@ int AddedAndChanged(void* record, uint32_t /*depth*/, void* arg) {
   } else if (Changed(node, earlier)) {
     WriteRecordLine(report->stream, kChangedFormat, node);
     if (report->detail)
-      report->detail(report->scm_type, report->stream, node, earlier);
+      report->detail(report->detail_context, report->stream, node, earlier);
   }
   return 0;
 }

@@ -20,8 +20,8 @@ inline constexpr const char kChangedFormat[] = "C;%s;%s;%ld;%ld; %s; %s;\n";
 
 // Writes the detail block of a changed file (the SCM history and differences)
 // to the report, right after its "C" line.
-using DetailWriter = void (*)(uint32_t scm_type, FILE* report, FileNode* current,
-                              FileNode* earlier);
+// `context` is the detail_context of the ChangeReport, handed on unchanged.
+using DetailWriter = void (*)(void* context, FILE* report, FileNode* current, FileNode* earlier);
 
 // What one change report is made of. A null header text leaves its line out;
 // build_label is always written. A null detail writer writes no blocks.
@@ -33,8 +33,8 @@ struct ChangeReport {
   const char* build_number = nullptr;   // "BuildNumber=%s"
   Bintree* now = nullptr;               // files found by this run
   Bintree* before = nullptr;            // files of the earlier inventory
-  uint32_t scm_type = 0;                // handed to the detail writer
   DetailWriter detail = nullptr;
+  void* detail_context = nullptr;       // handed to the detail writer
 };
 
 // Writes the header, prints "Determining Deleted Files", writes the deleted

@@ -4,13 +4,37 @@
 #include <string>
 #include <utility>
 
-#include "driver/settings.h"
+#include "scm/runner.h"
 #include "scm/scmtool.h"
 #include "support/handles.h"
 #include "support/paths.h"
 #include "support/strings.h"
 
 namespace {
+
+// The record texts the commands are formed from.
+struct DetailValues {
+  std::string path;         // new path
+  std::string name;         // new name (CVSREP: relative to the build directory)
+  std::string version;      // new version
+  std::string old_name;     // previous run's name
+  std::string old_version;  // previous run's version; empty: no comparison
+  std::string base, ext;    // name and extension parts of the new path
+  std::string own_dir;      // directory of the new path, as the queries use it
+};
+
+DetailValues ValuesOf(const FileNode* newNode, const FileNode* oldNode) {
+  DetailValues v;
+  v.path = Text(newNode->path);
+  v.name = Text(newNode->name);
+  v.version = Text(newNode->version);
+  v.old_name = oldNode ? Text(oldNode->name) : "";
+  v.old_version = oldNode ? Text(oldNode->version) : "";
+  std::string drive, dir_part;
+  SplitPath(v.path.c_str(), drive, dir_part, v.base, v.ext);
+  v.own_dir = DirectoryOf(v.path.c_str());
+  return v;
+}
 
 // The commands for one changed file.
 struct DetailPlan {
@@ -19,107 +43,115 @@ struct DetailPlan {
   std::string dir;       // where to run; empty: the current directory
 };
 
-DetailPlan PlanDetail(uint32_t scmType, const FileNode* newNode, const FileNode* oldNode) {
-  DetailPlan plan;
-  const std::string path = Text(newNode->path);
-  const std::string name = Text(newNode->name);
-  const std::string version = Text(newNode->version);
-  const std::string old_name = oldNode ? Text(oldNode->name) : "";
-  const std::string old_version = oldNode ? Text(oldNode->version) : "";
-  const bool compare = !old_version.empty();
-
-  // The file's own name: name and extension of the path, joined.
-  std::string drive, dir_part, base, ext;
-  SplitPath(path.c_str(), drive, dir_part, base, ext);
-  const std::string own_dir = DirectoryOf(path.c_str());
-
-  // Most tools: a first command, and a second one when the old version is
-  // known; `dir` empty runs in the current directory.
-  auto plan_for = [&](const std::string& dir, ClientCommand first, ClientCommand second) {
-    plan.dir = dir;
-    plan.first = std::move(first);
-    if (compare)
-      plan.second = std::move(second);
-  };
-  switch (scmType) {
-    case kScmCvs:
-      plan_for(own_dir, FormCommand(kCvsDetailLog, {base, ext}),
-               FormCommand(kCvsDetailDiff, {old_version, base, ext}));
-      break;
-    case kScmCvsRep:
-      // Runs in the file's directory but names the file by `name`, the path
-      // relative to the build directory: kept as the tool has always done.
-      plan_for(own_dir, FormCommand(kCvsRepDetailLog, {old_version, version, name}),
-               FormCommand(kCvsRepDetailDiff, {old_version, name}));
-      break;
-    case kScmClearCase: {
-      // The listing stores the whole rest of its line after "@@"; only the
-      // part before the rule text is the version.
-      std::string cut = old_version.substr(0, old_version.find("Rule:"));
-      StripChar(cut, " \r\n\t", 1);
-      plan_for("", FormCommand(kClearCaseDetailHist, {name}),
-               FormCommand(kClearCaseDetailDiff, {old_name, cut, name}));
-      break;
-    }
-    case kScmHarvest:
-      plan_for(own_dir, FormCommand(kHarvestDetail, {ShellWord(name)}), {});
-      break;
-    case kScmSvn:
-      plan_for("", FormCommand(kSvnDetailInfo, {path}),
-               FormCommand(kSvnDetailDiff, {old_version, path}));
-      break;
-    case kScmVss: {
-      std::string vss_path = path;
-      ReplaceSlash2(vss_path, '\\');
-      plan_for("", FormCommand(kVssDetail, {vss_path}), {});
-      break;
-    }
-    case kScmPerforce:
-      plan_for(own_dir, FormCommand(kP4DetailLog, {path}),
-               FormCommand(kP4DetailDiff, {path, old_version}));
-      break;
-    case kScmSi:
-      // Announced with the still empty line text before anything runs.
-      std::printf("Running: %s\n", "");
-      plan_for("", FormCommand(kSiDetailInfo, {path}),
-               FormCommand(kSiDetailDiff, {old_version, path}));
-      break;
-    case kScmAccurev:
-      plan_for(own_dir, FormCommand(kAccurevDetailStat, {path}),
-               FormCommand(kAccurevDetailDiff, {old_version, path}));
-      break;
-    case kScmMstf:
-      plan_for("", FormCommand(kTfDetailProps, {path}),
-               FormCommand(kTfDetailDiff, {path, version, path, old_version}));
-      break;
-    default:
-      break;
-  }
-  return plan;
+DetailPlan PlanCvs(const DetailValues& v) {
+  return {FormCommand(kCvsDetailLog, {Operand(v.base), v.ext}),
+          FormCommand(kCvsDetailDiff, {v.old_version, Operand(v.base), v.ext}), v.own_dir};
 }
 
-// Copy the client's output to the report; with `filter`, lines holding the
-// cvs notices of the comparison step are left out.
-void CopyOutput(FILE* pipe, FILE* report, bool filter) {
-  ClientLines lines(pipe, kShortLineLimit);
+// Runs in the file's directory but names the file by `name`, the path
+// relative to the build directory: kept as the tool has always done.
+DetailPlan PlanCvsRep(const DetailValues& v) {
+  return {FormCommand(kCvsRepDetailLog, {v.old_version, v.version, Operand(v.name)}),
+          FormCommand(kCvsRepDetailDiff, {v.old_version, Operand(v.name)}), v.own_dir};
+}
+
+// The listing stores the whole rest of its line after "@@"; only the part
+// before the rule text is the version.
+DetailPlan PlanClearCase(const DetailValues& v) {
+  std::string cut = v.old_version.substr(0, v.old_version.find("Rule:"));
+  StripChar(cut, " \r\n\t", 1);
+  return {FormCommand(kClearCaseDetailHist, {Operand(v.name)}),
+          FormCommand(kClearCaseDetailDiff, {Operand(v.old_name), cut, Operand(v.name)}), ""};
+}
+
+DetailPlan PlanHarvest(const DetailValues& v) {
+  return {FormCommand(kHarvestDetail, {Operand(v.name)}), {}, v.own_dir};
+}
+
+DetailPlan PlanSvn(const DetailValues& v) {
+  return {FormCommand(kSvnDetailInfo, {Operand(v.path)}),
+          FormCommand(kSvnDetailDiff, {v.old_version, Operand(v.path)}), ""};
+}
+
+DetailPlan PlanVss(const DetailValues& v) {
+  std::string vss_path = v.path;
+  ReplaceSlash2(vss_path, '\\');
+  return {FormCommand(kVssDetail, {Operand(vss_path)}), {}, ""};
+}
+
+DetailPlan PlanPerforce(const DetailValues& v) {
+  return {FormCommand(kP4DetailLog, {Operand(v.path)}),
+          FormCommand(kP4DetailDiff, {Operand(v.path), v.old_version}), v.own_dir};
+}
+
+DetailPlan PlanSi(const DetailValues& v) {
+  return {FormCommand(kSiDetailInfo, {Operand(v.path)}),
+          FormCommand(kSiDetailDiff, {v.old_version, Operand(v.path)}), ""};
+}
+
+DetailPlan PlanAccurev(const DetailValues& v) {
+  return {FormCommand(kAccurevDetailStat, {Operand(v.path)}),
+          FormCommand(kAccurevDetailDiff, {v.old_version, Operand(v.path)}), v.own_dir};
+}
+
+DetailPlan PlanTf(const DetailValues& v) {
+  return {FormCommand(kTfDetailProps, {Operand(v.path)}),
+          FormCommand(kTfDetailDiff,
+                      {Operand(v.path), v.version, Operand(v.path), v.old_version}),
+          ""};
+}
+
+// The commands of `scmType` for the file; a type without detail commands
+// gets an empty plan, and without an old version there is no comparison.
+DetailPlan PlanDetail(uint32_t scmType, const FileNode* newNode, const FileNode* oldNode) {
+  static constexpr struct {
+    uint32_t type;
+    DetailPlan (*plan)(const DetailValues&);
+  } kPlans[] = {{kScmCvs, PlanCvs},         {kScmCvsRep, PlanCvsRep},   {kScmClearCase, PlanClearCase},
+                {kScmHarvest, PlanHarvest}, {kScmSvn, PlanSvn},         {kScmVss, PlanVss},
+                {kScmPerforce, PlanPerforce}, {kScmSi, PlanSi},         {kScmAccurev, PlanAccurev},
+                {kScmMstf, PlanTf}};
+  for (const auto& entry : kPlans) {
+    if (entry.type != scmType)
+      continue;
+    DetailValues values = ValuesOf(newNode, oldNode);
+    DetailPlan plan = entry.plan(values);
+    if (values.old_version.empty())
+      plan.second = {};
+    return plan;
+  }
+  return {};
+}
+
+// Run `cmd` and copy its output to the report; with `filter`, lines holding
+// the cvs notices of the comparison step are left out. False when it could
+// not start.
+bool CopyOutput(const ScmSession& scm, const ClientCommand& cmd, FILE* report, bool filter) {
+  ClientRun run(cmd.text, cmd.shown, scm.client_timeout, kShortLineLimit);
+  if (!run)
+    return false;
   std::string line;
-  while (lines.Next(line)) {
+  while (run.Next(line)) {
     if (filter && (line.find("cvs log: in directory") != std::string::npos ||
                    line.find("cvs [log aborted]:") != std::string::npos)) {
       continue;
     }
     std::fwrite(line.data(), 1, line.size(), report);
   }
+  (void)run.Finish();  // the exit status is not examined
+  return true;
 }
 
 }  // namespace
 
-void GetDetail(uint32_t scmType, FILE* report, FileNode* newNode, FileNode* oldNode) {
+void GetDetail(const ScmSession& scm, FILE* report, FileNode* newNode, FileNode* oldNode) {
   if (newNode == nullptr || report == nullptr)
     return;
-  DetailPlan plan = PlanDetail(scmType, newNode, oldNode);
+  DetailPlan plan = PlanDetail(scm.type, newNode, oldNode);
   if (plan.first.text.empty())
     return;
+  if (scm.type == kScmSi)
+    std::printf("Running: %s\n", "");  // announced with a line text still empty
 
   // Changed into first and back on every return.
   std::unique_ptr<ScopedChdir> in_dir;
@@ -129,14 +161,10 @@ void GetDetail(uint32_t scmType, FILE* report, FileNode* newNode, FileNode* oldN
   } else {
     PrintExecuting(plan.first.shown);
   }
-
-  UniquePipe first(OpenClient(plan.first));
-  if (!first) {
+  if (!CopyOutput(scm, plan.first, report, false)) {
     PrintCouldNotRun(plan.first.shown);
     return;
   }
-  CopyOutput(first.get(), report, false);
-  (void)first.Close();  // the exit status is not examined
 
   if (!plan.second.text.empty()) {
     if (!plan.dir.empty()) {
@@ -144,13 +172,15 @@ void GetDetail(uint32_t scmType, FILE* report, FileNode* newNode, FileNode* oldN
     } else {
       std::printf("Running %s\n", plan.second.shown.c_str());
     }
-    UniquePipe second(OpenClient(plan.second));
-    if (!second) {
+    if (!CopyOutput(scm, plan.second, report, true)) {
       PrintCouldNotRun(plan.second.shown);
       return;
     }
-    CopyOutput(second.get(), report, true);
-    (void)second.Close();
   }
   std::fputs(kDetailSeparator, report);
+}
+
+void ChangeDetail(void* context, FILE* report, FileNode* newNode, FileNode* oldNode) {
+  if (context != nullptr)
+    GetDetail(*static_cast<const ScmSession*>(context), report, newNode, oldNode);
 }

@@ -2,12 +2,12 @@
 // Change detail: the SCM client's history (or properties) and differences
 // for a changed file, copied into the change report below its "C;" record.
 
-#include <cstdint>
 #include <cstdio>
 
 #include "inventory/filenode.h"
+#include "scm/session.h"
 
-// Ask the tool of `scmType` about `newNode` (this run's record) and, when
+// Ask the tool of `scm.type` about `newNode` (this run's record) and, when
 // `oldNode` (the previous run's record) has a version, for the differences
 // since then; append the raw output to `report`, closed by a line of 22 "!".
 // Progress lines go to standard output. Nothing at all is written for a type
@@ -16,4 +16,9 @@
 // separator. CVS, CVSREP, HARVEST, PERFORCE and ACCUREV run in the file's
 // directory and restore the current directory before returning; the others
 // run in the current directory.
-void GetDetail(uint32_t scmType, FILE* report, FileNode* newNode, FileNode* oldNode);
+void GetDetail(const ScmSession& scm, FILE* report, FileNode* newNode, FileNode* oldNode);
+
+// GetDetail in the shape the change report calls its detail writer through
+// a function pointer: `context` is the address of the run's ScmSession,
+// handed to the report by the driver together with this function.
+void ChangeDetail(void* context, FILE* report, FileNode* newNode, FileNode* oldNode);

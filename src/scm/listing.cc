@@ -2,13 +2,13 @@
 
 #include <array>
 #include <cstring>
+#include <memory>
 #include <string_view>
 
-#include "driver/settings.h"
 #include "inventory/digest.h"
 #include "inventory/filenode.h"
+#include "scm/runner.h"
 #include "scm/scmtool.h"
-#include "support/handles.h"
 #include "support/paths.h"
 #include "support/strings.h"
 
@@ -22,11 +22,10 @@ void SetVersion(Bintree* tree, const std::string& key, const std::string& versio
 // Entries of the shape "Path: ", "Revision: ", "Node Kind: " (svn info and
 // si viewsandbox). The pending revision is deliberately kept from one entry
 // to the next: an entry without its own revision line takes the last one.
-void ReadInfoEntries(FILE* pipe, Bintree* tree, const char* buildDir) {
-  ClientLines lines(pipe, kShortLineLimit);
+void ReadInfoEntries(ClientRun& run, Bintree* tree, const char* buildDir) {
   std::string line, path, revision;
   bool in_entry = false;
-  while (lines.Next(line)) {
+  while (run.Next(line)) {
     TrimTrailing(line);
     if (HasPrefix(line, "Path: ")) {
       in_entry = true;
@@ -40,33 +39,30 @@ void ReadInfoEntries(FILE* pipe, Bintree* tree, const char* buildDir) {
   }
 }
 
-// Runs a listing announced by "Executing: %s\n"; null after printing the
-// failure line when it cannot start.
-UniquePipe StartListing(const ClientCommand& cmd) {
-  PrintExecuting(cmd.shown);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe)
-    PrintCouldNotRun(cmd.shown);
-  return pipe;
+using RunPtr = std::unique_ptr<ClientRun>;
+
+// Starts a listing announced by "Executing: %s\n" (or, with `redirect`,
+// "Executing: %s 2>&1 \n" with `shown`); null after printing the failure
+// line when it cannot start.
+RunPtr StartListing(const ScmSession& scm, const ClientCommand& cmd, int limit,
+                    bool redirect = false, const std::string* shown = nullptr) {
+  const std::string& line = shown ? *shown : cmd.shown;
+  redirect ? PrintExecutingRedirect(line) : PrintExecuting(line);
+  auto run = std::make_unique<ClientRun>(cmd.text, cmd.shown, scm.client_timeout, limit);
+  if (*run)
+    return run;
+  redirect ? PrintCouldNotRunRedirect(line) : PrintCouldNotRun(line);
+  return nullptr;
 }
 
-// The same for the listings announced by "Executing: %s 2>&1 \n".
-UniquePipe StartRedirectListing(const ClientCommand& cmd, const std::string& shown) {
-  PrintExecutingRedirect(shown);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe)
-    PrintCouldNotRunRedirect(shown);
-  return pipe;
-}
-
-void ListCvs(Bintree* tree, const char* buildDir) {
-  UniquePipe pipe = StartListing(FormCommand(kCvsListCmd, {}));
-  if (!pipe)
+void ListCvs(const ScmSession& scm, const char* buildDir) {
+  Bintree* tree = scm.files;
+  RunPtr run = StartListing(scm, FormCommand(kCvsListCmd, {}), kShortLineLimit);
+  if (!run)
     return;
-  ClientLines lines(pipe.get(), kShortLineLimit);
   std::string line, path;
   bool in_file = false;
-  while (lines.Next(line)) {
+  while (run->Next(line)) {
     TrimTrailing(line);
     if (HasPrefix(line, "Working File:")) {
       in_file = true;
@@ -76,16 +72,16 @@ void ListCvs(Bintree* tree, const char* buildDir) {
       SetVersion(tree, path, From(line, 6));
     }
   }
-  (void)pipe.Close();  // the exit status is not examined
+  (void)run->Finish();  // the exit status is not examined
 }
 
-void ListClearCase(Bintree* tree, const char* buildDir) {
-  UniquePipe pipe = StartListing(FormCommand(kClearCaseListCmd, {}));
-  if (!pipe)
+void ListClearCase(const ScmSession& scm, const char* buildDir) {
+  Bintree* tree = scm.files;
+  RunPtr run = StartListing(scm, FormCommand(kClearCaseListCmd, {}), kLongLineLimit);
+  if (!run)
     return;
-  ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line;
-  while (lines.Next(line)) {
+  while (run->Next(line)) {
     TrimTrailing(line);
     size_t at = line.find("@@");
     if (at == std::string::npos)
@@ -97,25 +93,24 @@ void ListClearCase(Bintree* tree, const char* buildDir) {
     // text the tool prints after it).
     SetVersion(tree, TreeKey(buildDir, element), line.substr(at + 2));
   }
-  (void)pipe.Close();
+  (void)run->Finish();
 }
 
-void ListSvn(Bintree* tree, const char* buildDir) {
-  UniquePipe pipe = StartListing(FormCommand(kSvnListCmd, {}));
-  if (!pipe)
+void ListSvn(const ScmSession& scm, const char* buildDir) {
+  RunPtr run = StartListing(scm, FormCommand(kSvnListCmd, {}), kShortLineLimit);
+  if (!run)
     return;
-  ReadInfoEntries(pipe.get(), tree, buildDir);
-  (void)pipe.Close();
+  ReadInfoEntries(*run, scm.files, buildDir);
 }
 
-void ListAccurev(Bintree* tree, const char* buildDir) {
-  ClientCommand cmd = FormCommand(kAccurevListCmd, {buildDir});
-  UniquePipe pipe = StartRedirectListing(cmd, cmd.shown);
-  if (!pipe)
+void ListAccurev(const ScmSession& scm, const char* buildDir) {
+  Bintree* tree = scm.files;
+  RunPtr run =
+      StartListing(scm, FormCommand(kAccurevListCmd, {Operand(buildDir)}), kShortLineLimit, true);
+  if (!run)
     return;
-  ClientLines lines(pipe.get(), kShortLineLimit);
   std::string line;
-  while (lines.Next(line)) {
+  while (run->Next(line)) {
     TrimTrailing(line);
     std::string word = GetWord(line.c_str(), " ", 1, 1);
     std::string path =
@@ -123,7 +118,7 @@ void ListAccurev(Bintree* tree, const char* buildDir) {
     ReplaceSlash2(path, '/');
     SetVersion(tree, path, GetWord(line.c_str(), " ", 2, 2));
   }
-  (void)pipe.Close();
+  (void)run->Finish();
 }
 
 // Strip blanks and tabs, then one colon, then blanks and tabs again, from
@@ -137,15 +132,15 @@ std::string TfValue(const std::string& rest) {
   return value;
 }
 
-void ListTf(Bintree* tree, const char* buildDir) {
-  ClientCommand cmd = FormCommand(kTfListCmd, {buildDir});
-  UniquePipe pipe = StartRedirectListing(cmd, cmd.shown);
-  if (!pipe)
+void ListTf(const ScmSession& scm, const char* buildDir) {
+  Bintree* tree = scm.files;
+  RunPtr run =
+      StartListing(scm, FormCommand(kTfListCmd, {Operand(buildDir)}), kShortLineLimit, true);
+  if (!run)
     return;
-  ClientLines lines(pipe.get(), kShortLineLimit);
   std::string line, path, changeset;
   bool in_item = false;
-  while (lines.Next(line)) {
+  while (run->Next(line)) {
     TrimBoth(line);
     if (HasPrefix(line, "Local path")) {
       // The tool prints absolute local paths: nothing is prefixed.
@@ -161,16 +156,16 @@ void ListTf(Bintree* tree, const char* buildDir) {
       SetVersion(tree, path, changeset);
     }
   }
-  (void)pipe.Close();
+  (void)run->Finish();
 }
 
-void ListSi(Bintree* tree, const char* buildDir) {
+void ListSi(const ScmSession& scm, const char* buildDir) {
   std::string sandbox;
   // The bare pattern has no directory to open, so this ends the branch
   // silently unless a project file is found.
   if (FindFirstWildcard(sandbox, "*.pj", 1024) == 0)
     return;
-  ListSiSandbox(tree, buildDir, sandbox);
+  ListSiSandbox(scm, buildDir, sandbox);
 }
 
 // Split a "date:" value at "/", ":" and blanks and read year, month, day,
@@ -185,50 +180,52 @@ int64_t CvsLogTime(const std::string& text) {
 
 }  // namespace
 
-void ListSiSandbox(Bintree* tree, const char* buildDir, const std::string& sandbox) {
-  ClientCommand cmd = FormCommand(kSiListCmd, {sandbox});
+void ListSiSandbox(const ScmSession& scm, const char* buildDir, const std::string& sandbox) {
+  ClientCommand cmd = FormCommand(kSiListCmd, {Operand(sandbox)});
   // The progress and failure lines show only the masked credentials (empty
-  // without a user), not the command.
+  // without a user), not the command; the stop message shows the command
+  // with the credentials masked.
   std::string shown;
-  (void)AddUserPassword(cmd.text, shown, "--user", "--password", 4096);
+  (void)AddUserPassword(cmd.text, shown, scm.user, scm.password, "--user", "--password", 4096);
   cmd.text += kSiRedirect;
-  UniquePipe pipe = StartRedirectListing(cmd, shown);
-  if (!pipe)
+  cmd.shown += shown + kSiRedirect;
+  RunPtr run = StartListing(scm, cmd, kShortLineLimit, true, &shown);
+  if (!run)
     return;
-  ReadInfoEntries(pipe.get(), tree, buildDir);
-  (void)pipe.Close();
+  ReadInfoEntries(*run, scm.files, buildDir);
+  (void)run->Finish();
 }
 
-void FindVersionInfo(Bintree* tree, const char* buildDir, uint32_t scmType) {
+void FindVersionInfo(const ScmSession& scm, const char* buildDir) {
   static constexpr struct {
     uint32_t type;
-    void (*list)(Bintree*, const char*);
+    void (*list)(const ScmSession&, const char*);
   } kListings[] = {{kScmCvs, ListCvs}, {kScmClearCase, ListClearCase}, {kScmSvn, ListSvn},
                    {kScmSi, ListSi},   {kScmAccurev, ListAccurev},     {kScmMstf, ListTf}};
   for (const auto& listing : kListings) {
-    if (listing.type == scmType)
-      listing.list(tree, buildDir);
+    if (listing.type == scm.type)
+      listing.list(scm, buildDir);
   }
 }
 
-int LoadRepository(const char* /*scanRoot*/, const char* buildDir, Bintree* tree) {
-  if (SCMType != kScmCvsRep)
+int LoadRepository(const ScmSession& scm, const char* buildDir) {
+  if (scm.type != kScmCvsRep)
     return 0;
+  Bintree* tree = scm.files;
   ClientCommand cmd = FormCommand(kCvsRepLogCmd, {});
   PrintExecuting(cmd.shown);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) {
+  ClientRun run(cmd.text, cmd.shown, scm.client_timeout, kLongLineLimit);
+  if (!run) {
     PrintCouldNotRunBare(cmd.shown);
     return 1;
   }
 
-  ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line, relative, path, head;
   // A file the log names but the workspace lacks keeps the cleared digest.
   unsigned char digest[16] = {};
   char digest_text[33] = {};
   bool in_file = false;
-  while (lines.Next(line)) {
+  while (run.Next(line)) {
     TrimTrailing(line);
     if (HasPrefix(line, "Working File:")) {
       in_file = true;
@@ -260,6 +257,6 @@ int LoadRepository(const char* /*scanRoot*/, const char* buildDir, Bintree* tree
       }
     }
   }
-  (void)pipe.Close();
+  (void)run.Finish();
   return 0;
 }

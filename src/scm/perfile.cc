@@ -2,11 +2,12 @@
 
 #include <array>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
-#include "driver/settings.h"
 #include "inventory/digest.h"
 #include "inventory/filenode.h"
+#include "scm/runner.h"
 #include "scm/scmtool.h"
 #include "support/handles.h"
 #include "support/paths.h"
@@ -14,28 +15,30 @@
 
 namespace {
 
-bool DirectoryAsked(const std::string& dir) {
-  return DirTree != nullptr && FindKey(DirTree, dir.c_str()) != nullptr;
+bool DirectoryAsked(const ScmSession& scm, const std::string& dir) {
+  return scm.dirs != nullptr && FindKey(scm.dirs, dir.c_str()) != nullptr;
 }
 
-void RememberDirectory(const std::string& dir) {
-  if (DirTree != nullptr)
-    (void)LoadKey(DirTree, dir.c_str());  // -1 only for a duplicate
+void RememberDirectory(const ScmSession& scm, const std::string& dir) {
+  if (scm.dirs != nullptr)
+    (void)LoadKey(scm.dirs, dir.c_str());  // -1 only for a duplicate
 }
+
+using RunPtr = std::unique_ptr<ClientRun>;
 
 // Runs a per-directory query in the current directory (the caller has
 // changed into `dir`). A directory is remembered only once its query has
 // started: after a start failure the next file of the directory asks again.
-UniquePipe StartDirectoryQuery(const char* tmpl, const std::string& dir) {
+RunPtr StartDirectoryQuery(const ScmSession& scm, const char* tmpl, const std::string& dir) {
   ClientCommand cmd = FormCommand(tmpl, {});
   PrintExecutingInDir(cmd.shown, dir);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) {
+  auto run = std::make_unique<ClientRun>(cmd.text, cmd.shown, scm.client_timeout, kLongLineLimit);
+  if (!*run) {
     PrintCouldNotRunBare(cmd.shown);
-    return pipe;
+    return nullptr;
   }
-  RememberDirectory(dir);
-  return pipe;
+  RememberDirectory(scm, dir);
+  return run;
 }
 
 // The text before the first occurrence of `stop`, or all of it.
@@ -44,20 +47,19 @@ std::string CutAt(const std::string& text, const char* stop) {
   return at == std::string::npos ? text : text.substr(0, at);
 }
 
-int QueryVss(FileNode* node) {
+int QueryVss(const ScmSession& scm, FileNode* node) {
   std::string path = Text(node->path);
   ReplaceSlash2(path, '\\');
-  ClientCommand cmd = FormCommand(kVssQueryCmd, {path});
+  ClientCommand cmd = FormCommand(kVssQueryCmd, {Operand(path)});
   PrintExecuting(cmd.shown);
-  UniquePipe pipe(OpenClient(cmd));
-  if (!pipe) {
+  ClientRun run(cmd.text, cmd.shown, scm.client_timeout, kLongLineLimit);
+  if (!run) {
     PrintCouldNotRunBare(cmd.shown);
     return -1;
   }
-  ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line, size_text;
   bool latest = false;
-  while (lines.Next(line)) {
+  while (run.Next(line)) {
     TrimBoth(line);
     if (HasPrefix(line, "Size:")) {
       size_text = CutAt(From(line, 5), " bytes");
@@ -72,21 +74,20 @@ int QueryVss(FileNode* node) {
       node->size = std::atoi(size_text.c_str());
     }
   }
-  (void)pipe.Close();  // the exit status is not examined
+  (void)run.Finish();  // the exit status is not examined
   return 0;
 }
 
-int QueryPerforce(FileNode* node, const std::string& dir) {
-  if (DirectoryAsked(dir))
+int QueryPerforce(const ScmSession& scm, FileNode* node, const std::string& dir) {
+  if (DirectoryAsked(scm, dir))
     return 0;
   ScopedChdir in_dir(dir);
-  UniquePipe pipe = StartDirectoryQuery(kP4QueryCmd, dir);
-  if (!pipe)
+  RunPtr run = StartDirectoryQuery(scm, kP4QueryCmd, dir);
+  if (!run)
     return 0;
-  ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line, key;
   bool in_file = false;
-  while (lines.Next(line)) {
+  while (run->Next(line)) {
     TrimBoth(line);
     if (line.find("is not under client's root") != std::string::npos)
       continue;
@@ -101,12 +102,12 @@ int QueryPerforce(FileNode* node, const std::string& dir) {
     } else if (in_file && HasPrefix(line, "... #")) {
       // Only the newest revision line after each depot path counts.
       in_file = false;
-      if (FileNode* file = FindFile(FileTree, key)) {
+      if (FileNode* file = FindFile(scm.files, key)) {
         safe_cpy(&file->version, CutAt(From(line, 5), " change").c_str());
       }
     }
   }
-  (void)pipe.Close();
+  (void)run->Finish();
   return 0;
 }
 
@@ -117,16 +118,15 @@ int64_t HarvestTime(const std::string& text) {
   return LocalTime(f[2], f[0], f[1], f[3], f[4], f[5]);
 }
 
-int QueryHarvest(std::string dir) {
-  if (DirectoryAsked(dir))
+int QueryHarvest(const ScmSession& scm, std::string dir) {
+  if (DirectoryAsked(scm, dir))
     return 0;
   ScopedChdir in_dir(dir);
-  UniquePipe pipe = StartDirectoryQuery(kHarvestQueryCmd, dir);
-  if (!pipe)
+  RunPtr run = StartDirectoryQuery(scm, kHarvestQueryCmd, dir);
+  if (!run)
     return 1;
-  ClientLines lines(pipe.get(), kLongLineLimit);
   std::string line;
-  while (lines.Next(line)) {
+  while (run->Next(line)) {
     TrimTrailing(line);
     if (HasPrefix(line, "Warning: Information for file"))
       continue;
@@ -140,7 +140,7 @@ int QueryHarvest(std::string dir) {
     if (!dir.empty() && (dir.back() == '/' || dir.back() == '\\'))
       dir.pop_back();
     std::string key = TreeKey(dir, file_name);
-    FileNode* file = FindFile(FileTree, key);
+    FileNode* file = FindFile(scm.files, key);
     if (file == nullptr)
       continue;
     // The listed file is digested once more and the result dropped; the
@@ -154,7 +154,7 @@ int QueryHarvest(std::string dir) {
     file->mtime = HarvestTime(modified);
     file->size = std::atoi(size.c_str());
   }
-  (void)pipe.Close();
+  (void)run->Finish();
   return 0;
 }
 
@@ -164,17 +164,17 @@ int LoadVersionInfo(void* record, uint32_t /*level*/, void* arg) {
   auto* node = static_cast<FileNode*>(record);
   if (node == nullptr || arg == nullptr)
     return 0;
-  uint32_t scm_type = *static_cast<const uint32_t*>(arg);
+  const auto& scm = *static_cast<const ScmSession*>(arg);
   if (*Text(node->version) != '\0')
     return 0;
   std::string dir = DirectoryOf(Text(node->path));
-  switch (scm_type) {
+  switch (scm.type) {
     case kScmVss:
-      return QueryVss(node);
+      return QueryVss(scm, node);
     case kScmPerforce:
-      return QueryPerforce(node, dir);
+      return QueryPerforce(scm, node, dir);
     case kScmHarvest:
-      return QueryHarvest(dir);
+      return QueryHarvest(scm, dir);
     default:
       return 0;
   }

@@ -9,65 +9,22 @@
 #include <cstring>
 #include <ctime>
 
-#include "driver/settings.h"
 #include "support/handles.h"
 #include "support/paths.h"
+#include "support/shellquote.h"
 #include "support/strings.h"
 
-ScmPath AcquisitionPath(uint32_t scmType) {
-  if ((scmType & kListingMask) == scmType)
-    return ScmPath::kListing;
-  if ((scmType & kPerFileMask) == scmType)
-    return ScmPath::kPerFile;
-  return ScmPath::kRepositoryLog;
-}
-
-std::string EscapeInQuotes(std::string_view value) {
-  std::string out;
-  out.reserve(value.size());
-  for (char c : value) {
-    if (c == '\\' || c == '"' || c == '$' || c == '`')
-      out += '\\';
-    out += c;
-  }
-  return out;
-}
-
-std::string ShellWord(std::string_view value) {
-  auto plain = [](unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           std::strchr("_-./,+=@%:", c) != nullptr;
-  };
-  bool all_plain = true;
-  for (char c : value) {
-    if (c == '\0' || !plain(static_cast<unsigned char>(c))) {
-      all_plain = false;
-      break;
-    }
-  }
-  if (all_plain)
-    return std::string(value);
-  std::string out = "'";
-  for (char c : value) {
-    if (c == '\'') {
-      out += "'\\''";
-    } else {
-      out += c;
-    }
-  }
-  out += '\'';
-  return out;
-}
-
-ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_view> values) {
+ClientCommand FormCommand(const char* tmpl, std::initializer_list<CmdValue> values) {
   ClientCommand cmd;
-  const std::string_view* next = values.begin();
+  const CmdValue* next = values.begin();
   bool in_quotes = false;
   for (const char* p = tmpl; *p; ++p) {
     if (p[0] == '%' && p[1] == 's') {
-      std::string_view value = next != values.end() ? *next++ : std::string_view();
-      cmd.text += in_quotes ? EscapeInQuotes(value) : std::string(value);
-      cmd.shown += value;
+      CmdValue value = next != values.end() ? *next++ : CmdValue(std::string_view());
+      cmd.text += ShellQuote(value.text,
+                             in_quotes ? ShellPlace::kInDoubleQuotes : ShellPlace::kBare,
+                             value.operand);
+      cmd.shown += value.text;
       ++p;
       continue;
     }
@@ -79,17 +36,19 @@ ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_vi
   return cmd;
 }
 
-int AddUserPassword(std::string& command, std::string& shown, const char* userOption,
-                    const char* passwordOption, size_t limit) {
-  const char* user = User;
+int AddUserPassword(std::string& command, std::string& shown, const char* user,
+                    const char* password, const char* userOption, const char* passwordOption,
+                    size_t limit) {
   if (user == nullptr || *user == '\0')
     return 0;
-  const char* password = (Password != nullptr && *Password != '\0') ? Password : nullptr;
+  if (password != nullptr && *password == '\0')
+    password = nullptr;
 
-  // The value is escaped for the double quotes; for ordinary credentials the
-  // lengths are those of the values as given.
-  std::string user_value = EscapeInQuotes(user);
-  std::string password_value = password ? EscapeInQuotes(password) : std::string();
+  // Lengths count the values as quoted; for ordinary credentials that is
+  // the values as given.
+  std::string user_value = ShellQuote(user, ShellPlace::kInDoubleQuotes, false);
+  std::string password_value =
+      password ? ShellQuote(password, ShellPlace::kInDoubleQuotes, false) : std::string();
   size_t required = std::strlen(userOption) + user_value.size() + 4;
   if (password)
     required += std::strlen(passwordOption) + password_value.size() + 4;
@@ -106,15 +65,6 @@ int AddUserPassword(std::string& command, std::string& shown, const char* userOp
   command += real;
   shown += masked;
   return 1;
-}
-
-int AddUserPassword(ClientCommand& command, const char* userOption, const char* passwordOption,
-                    size_t limit) {
-  std::string shown_add;
-  int added = AddUserPassword(command.text, shown_add, userOption, passwordOption, limit);
-  if (added)
-    command.shown += shown_add;
-  return added;
 }
 
 int FindFirstWildcard(std::string& out, const char* pattern, size_t limit) {
@@ -147,30 +97,6 @@ int FindFirstWildcard(std::string& out, const char* pattern, size_t limit) {
     out = full;
   }
   return 1;
-}
-
-namespace {
-FILE* DefaultClientOpen(const char* command) { return popen(command, "r"); }
-}  // namespace
-
-ClientOpenFn ScmClientOpen = &DefaultClientOpen;
-
-FILE* OpenClient(const ClientCommand& command) {
-  std::fflush(stdout);
-  return ScmClientOpen(command.text.c_str());
-}
-
-ClientLines::ClientLines(FILE* pipe, int limit)
-    : pipe_(pipe), buf_(static_cast<size_t>(limit > 1 ? limit : 2)) {}
-
-bool ClientLines::Next(std::string& line) {
-  if (pipe_ == nullptr ||
-      std::fgets(buf_.data(), static_cast<int>(buf_.size()), pipe_) == nullptr) {
-    return false;
-  }
-  // As a fixed-buffer reader sees it: the text ends at the first NUL.
-  line.assign(buf_.data());
-  return true;
 }
 
 void TrimTrailing(std::string& line) { StripChar(line, kTrimSet, 1); }

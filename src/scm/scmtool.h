@@ -2,20 +2,19 @@
 // SCM tool table and the conventions every client run shares.
 //
 // The inspector links no source-control library: it runs the command-line
-// client of the selected tool through popen and picks values out of the
+// client of the selected tool (scm/runner.h) and picks values out of the
 // client's merged output. This header holds what the listing, the per-file
 // query and the change detail have in common:
 // - the command texts, one constant per command, kept byte for byte;
-// - forming a command from its text and its values (ClientCommand);
-// - starting a client (OpenClient) and reading its output in bounded pieces
-//   (ClientLines);
+// - forming a command from its text and its values (FormCommand);
 // - the progress and failure lines;
 // - the two helpers that build parts of the si listing command
 //   (AddUserPassword, FindFirstWildcard).
 //
-// File names are data, never shell. Inside a command's double quotes every
-// value has `\`, `"`, `$` and the backtick escaped with a backslash, so the
-// client receives exactly the name; for ordinary names the text is unchanged.
+// Values are data, never shell: every value reaches the client as exactly
+// the text it is (ShellQuote, support/shellquote.h), and a relative file
+// name that begins with "-" is written "./-name" so no client takes it for
+// an option. Ordinary values keep the command text they have always had.
 // Progress lines show the values as they are.
 
 #include <array>
@@ -28,19 +27,8 @@
 #include <vector>
 
 #include "inventory/filenode.h"
+#include "scm/session.h"
 #include "support/bintree.h"
-
-// --- Acquisition paths ---
-
-// How the run fills the file tree for an SCM type.
-enum class ScmPath {
-  kListing,        // directory scan, then one workspace listing (FindVersionInfo)
-  kPerFile,        // directory scan, then a per-file walk (LoadVersionInfo)
-  kRepositoryLog,  // records from the repository log alone (LoadRepository)
-};
-// A type belongs to a group when (type & mask) == type; 0 belongs to every
-// group and is tested against the listing mask first.
-ScmPath AcquisitionPath(uint32_t scmType);
 
 // --- Command texts ---
 // Every "%s" is filled by FormCommand, in order. The double blanks in
@@ -74,7 +62,7 @@ inline constexpr char kClearCaseDetailDiff[] =
     "cleartool diff \"%s@@%s\" \"%s\" 2>&1";  // old name, old version, name
 inline constexpr char kHarvestDetail[] =
     "hsigget %s -t -a environment state package version versionid viewpath tag user modtime "
-    "size 2>&1";                                                  // name (outside quotes)
+    "size 2>&1";                                                  // name (bare)
 inline constexpr char kSvnDetailInfo[] = "svn info \"%s\" 2>&1";  // path
 inline constexpr char kSvnDetailDiff[] = "svn diff --revision %s \"%s\" 2>&1";  // old version, path
 inline constexpr char kVssDetail[] = "ss Properties \"%s\" 2>&1";               // path, backslashes
@@ -106,34 +94,37 @@ inline constexpr char kTrimSet[] = " \t\n\r";
 
 // A command in its two forms.
 struct ClientCommand {
-  std::string text;   // what the shell runs: values inside double quotes escaped
+  std::string text;   // what the shell runs: every value quoted by ShellQuote
   std::string shown;  // the same with every value as it is, for progress lines
 };
 
-// `value` with `\`, `"`, `$` and the backtick preceded by a backslash, so that
-// inside double quotes the shell passes it on unchanged.
-std::string EscapeInQuotes(std::string_view value);
-// `value` as one shell word: unchanged when it holds only letters, digits and
-// "_-./,+=@%:" (or is empty), else in single quotes ('\'' for a quote).
-std::string ShellWord(std::string_view value);
-// Fill each "%s" of `tmpl` with the next value. A value that lands inside the
-// template's double quotes is escaped with EscapeInQuotes in `text`; values
-// outside quotes are placed as they are (callers pass ShellWord for names
-// there). Missing values fill as empty text; extra values are ignored.
-ClientCommand FormCommand(const char* tmpl, std::initializer_list<std::string_view> values);
+// One value for FormCommand. `operand` marks a value that starts a file
+// operand (a name or a path): written "./-x" when it begins with "-".
+struct CmdValue {
+  CmdValue(std::string_view v) : text(v) {}  // NOLINT: implicit on purpose
+  CmdValue(const std::string& v) : text(v) {}
+  CmdValue(const char* v) : text(v ? v : "") {}
+  CmdValue(std::string_view v, bool is_operand) : text(v), operand(is_operand) {}
+  std::string_view text;
+  bool operand = false;
+};
+inline CmdValue Operand(std::string_view v) { return CmdValue(v, true); }
 
-// Append the SCM credentials (globals User and Password) as options:
-// ` <userOption> "<user>"` and, when a non-empty password is set,
-// ` <passwordOption> "<password>"`. `shown` gets the same with each value as
-// "*******" (appended to, not replaced). Returns 1 when appended; 0, with
-// nothing appended, when no user is set or when the command would grow
+// Fill each "%s" of `tmpl` with the next value: in `text` through ShellQuote
+// (inside or outside the template's double quotes, as the placeholder
+// stands), in `shown` as it is. Missing values fill as empty text; extra
+// values are ignored.
+ClientCommand FormCommand(const char* tmpl, std::initializer_list<CmdValue> values);
+
+// Append credentials as options: ` <userOption> "<user>"` and, when a
+// non-empty password is given, ` <passwordOption> "<password>"`, the values
+// quoted by ShellQuote. `shown` gets the same with each value as "*******"
+// (appended to, not replaced). Returns 1 when appended; 0, with nothing
+// appended, when `user` is null or empty or when the command would grow
 // beyond `limit` characters.
-int AddUserPassword(ClientCommand& command, const char* userOption, const char* passwordOption,
+int AddUserPassword(std::string& command, std::string& shown, const char* user,
+                    const char* password, const char* userOption, const char* passwordOption,
                     size_t limit);
-// The same on plain texts: `command` receives the real values (escaped for
-// the double quotes), `shown` the masked ones.
-int AddUserPassword(std::string& command, std::string& shown, const char* userOption,
-                    const char* passwordOption, size_t limit);
 
 // Look at the first entry of the directory part of `pattern`: if it is not a
 // directory and its name matches the name part (fnmatch, no flags), `out`
@@ -143,33 +134,6 @@ int AddUserPassword(std::string& command, std::string& shown, const char* userOp
 // "//". Later entries are never looked at. A bare pattern has an empty
 // directory part and yields 0.
 int FindFirstWildcard(std::string& out, const char* pattern, size_t limit);
-
-// --- Running clients ---
-
-// Signature of the function that starts a client (popen in read mode).
-using ClientOpenFn = FILE* (*)(const char* command);
-// The starter in use; tests replace it to make a start fail. Never null.
-extern ClientOpenFn ScmClientOpen;
-// Flush standard output (so our progress lines stay in order with the
-// client's), then start command.text. The caller closes the pipe with pclose
-// (UniquePipe); null when the client could not be started.
-FILE* OpenClient(const ClientCommand& command);
-
-// Output of a client, line by line, read as a loop of fgets into a buffer of
-// `limit` bytes reads it: a line longer than limit - 1 bytes arrives in
-// pieces, each returned as a line of its own; a NUL byte ends the text of the
-// piece it is in (the rest of that piece is lost). The newline stays at the
-// end of the piece that holds it. Memory stays bounded by limit.
-class ClientLines {
- public:
-  ClientLines(FILE* pipe, int limit);
-  // The next piece into `line`; false at end of output or on a read error.
-  bool Next(std::string& line);
-
- private:
-  FILE* pipe_;
-  std::vector<char> buf_;
-};
 
 // --- Parsing helpers ---
 

@@ -25,9 +25,11 @@ std::string Report(const ScopedFileTree& before, const ScopedFileTree& now) {
   report.stream = open_memstream(&buf, &len);
   report.now = now.get();
   report.before = before.get();
-  report.scm_type = 16;
-  report.detail = [](uint32_t scm_type, FILE* out, FileNode* current, FileNode* earlier) {
-    std::fprintf(out, "detail %u %s %s\n", scm_type, current->path, earlier->path);
+  uint32_t context = 16;
+  report.detail_context = &context;
+  report.detail = [](void* ctx, FILE* out, FileNode* current, FileNode* earlier) {
+    std::fprintf(out, "detail %u %s %s\n", *static_cast<uint32_t*>(ctx), current->path,
+                 earlier->path);
   };
   wltest::CaptureStdout progress;
   WriteChangeReport(report);

@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "driver/settings.h"
 #include "support/handles.h"
 #include "testlib/scm_fixtures.h"
 
@@ -38,7 +37,8 @@ class DetailTest : public wltest::ScmTest {
     wltest::WriteFile(dir_ / "fake.log", "");
     UniqueFile report(std::tmpfile());
     *printed = wltest::Printed([&] {
-      GetDetail(type, report.get(), trees[0].Add(ws_, "src/" + name, now),
+      scm_.type = type;
+      GetDetail(scm_, report.get(), trees[0].Add(ws_, "src/" + name, now),
                 trees[1].Add(ws_, "src/" + name, old));
     });
     std::string text(static_cast<size_t>(std::ftell(report.get())), '\0');
@@ -52,15 +52,14 @@ class DetailTest : public wltest::ScmTest {
 };
 
 // Placeholders in the table: {N} the name, {R} src/name, {P} the path, {W}
-// the path with backslashes, {H} src/name as one shell word, {D} " in dir
-// <build>/src/".
+// the path with backslashes, {D} " in dir <build>/src/".
 std::string Fill(std::string text, const std::string& n, const std::string& b) {
   const std::string rel = "src/" + n, path = b + "/" + rel;
   std::string win = path;
   std::replace(win.begin(), win.end(), '/', '\\');
   const std::pair<std::string, std::string> values[] = {
       {"{N}", n},    {"{R}", rel}, {"{D}", " in dir " + b + "/src/"},
-      {"{P}", path}, {"{W}", win}, {"{H}", ShellWord(rel)}};
+      {"{P}", path}, {"{W}", win}};
   for (const auto& [key, value] : values) {
     for (size_t at; (at = text.find(key)) != std::string::npos;)
       text.replace(at, key.size(), value);
@@ -84,7 +83,7 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
        "cleartool lshist \"{R}\" 2>&1", "cleartool diff \"{R}@@/main/3\" \"{R}\" 2>&1",
        "[lshist][{R}]", "[diff][{R}@@/main/3][{R}]"},
       {kScmHarvest, "3", "2", true,
-       "hsigget {H} -t -a environment state package version versionid viewpath tag user modtime "
+       "hsigget {R} -t -a environment state package version versionid viewpath tag user modtime "
        "size 2>&1",
        "",
        "[{R}][-t][-a][environment][state][package][version][versionid][viewpath][tag][user]"

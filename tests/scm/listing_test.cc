@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/settings.h"
 #include "inventory/digest.h"
 #include "support/strings.h"
 #include "testlib/scm_fixtures.h"
@@ -23,7 +22,8 @@ class ListingTest : public wltest::ScmTest {
       tree_.Add(b_, rel);
   }
   std::string List(uint32_t type) {
-    return Printed([&] { FindVersionInfo(tree_.tree(), b_.c_str(), type); });
+    scm_.type = type;
+    return Printed([&] { FindVersionInfo(scm_, b_.c_str()); });
   }
   std::vector<std::string> Versions() const { return tree_.Versions(b_, kFiles); }
 };
@@ -117,18 +117,16 @@ TEST_F(ListingTest, SiSandboxShowsOnlyTheMaskedCredentials) {
       {huge.c_str(), nullptr, "", ""},
   };
   for (const auto& c : cases) {
-    safe_cpy(&User, c.user);
-    if (c.password)
-      safe_cpy(&Password, c.password);
-    EXPECT_EQ(Printed([&] { ListSiSandbox(tree_.tree(), b_.c_str(), sandbox); }),
+    scm_.user = c.user;
+    scm_.password = c.password;
+    EXPECT_EQ(Printed([&] { ListSiSandbox(scm_, b_.c_str(), sandbox); }),
               std::string("Executing: ") + c.shown + " 2>&1 \n");
     EXPECT_EQ(fakes_.Log().back(), log + c.args);
-    safe_free(&User);
-    safe_free(&Password);
   }
+  scm_.user = scm_.password = nullptr;
   EXPECT_EQ(Versions(), (std::vector<std::string>{"1.4", "1.2.1.1", ""}));
   wltest::FailingStarts fail;
-  EXPECT_EQ(Printed([&] { ListSiSandbox(tree_.tree(), b_.c_str(), sandbox); }),
+  EXPECT_EQ(Printed([&] { ListSiSandbox(scm_, b_.c_str(), sandbox); }),
             "Executing:  2>&1 \nCould not run:  2>&1\n");  // no user
 }
 
@@ -182,16 +180,16 @@ TEST_F(ListingTest, RepositoryLogBuildsTheRecords) {
                 "date: 2026-01-02 03:04:05 +0000;  author: ann;\n"
                 "Working file: a.c\nhead: 7.7\ndate: 2010/01/01 00:00:00;\n");
   int result = -1;
-  auto load = [&] { result = LoadRepository("ignored", b_.c_str(), records.tree()); };
+  scm_.files = records.tree();
+  auto load = [&] { result = LoadRepository(scm_, b_.c_str()); };
   EXPECT_EQ(Printed(load), "");  // only for CVSREP
-  SCMType = kScmCvsRep;
+  scm_.type = kScmCvsRep;
   {
     wltest::FailingStarts fail;
     EXPECT_EQ(Printed(load), "Executing: cvs log 2>&1\nCould not run: cvs log 2>&1 ");
     EXPECT_EQ(result, 1);
   }
   EXPECT_EQ(Printed(load), "Executing: cvs log 2>&1\n");
-  SCMType = 0;
   EXPECT_EQ(result, 0);
   EXPECT_EQ(records.Keys(), (std::vector<std::string>{Key("a.c"), Key("sub/b.c")}));
   const FileNode* a = records.Find(Key("a.c"));

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/settings.h"
 #include "testlib/scm_fixtures.h"
 
 namespace {
@@ -17,9 +16,10 @@ class PerFileTest : public wltest::ScmTest {
  protected:
   // Walks FileTree with LoadVersionInfo as the run does.
   std::string Walk(uint32_t type) {
-    return Printed([&] { WalkBintree(FileTree, LoadVersionInfo, &type); });
+    scm_.type = type;
+    return Printed([&] { WalkBintree(scm_.files, LoadVersionInfo, &scm_); });
   }
-  bool Asked(const std::string& dir) const { return FindKey(DirTree, Key(dir).c_str()); }
+  bool Asked(const std::string& dir) const { return FindKey(scm_.dirs, Key(dir).c_str()); }
   std::string Win(std::string path) const {
     std::replace(path.begin(), path.end(), '/', '\\');
     return path;
@@ -109,7 +109,8 @@ TEST_F(PerFileTest, StartFailuresAndOtherTypes) {
   };
   for (auto& c : cases) {
     for (int i = 0; i < 2; ++i) {
-      EXPECT_EQ(Printed([&] { EXPECT_EQ(LoadVersionInfo(a, 0, &c.type), c.result); }),
+      scm_.type = c.type;
+      EXPECT_EQ(Printed([&] { EXPECT_EQ(LoadVersionInfo(a, 0, &scm_), c.result); }),
                 "Executing: " + c.cmd + c.dir + "\nCould not run: " + c.cmd + " ");
     }
     EXPECT_EQ(wltest::CurrentDir(), b_);

@@ -9,32 +9,20 @@
 #include <stdexcept>
 #include <string>
 
-#include "driver/settings.h"
 #include "support/strings.h"
 
 namespace wltest {
 
-ScmTree::ScmTree(bool install)
+ScmTree::ScmTree()
     : head_(NewFileNode("")),
       tree_(NewBintree(head_, CompareFunc, 0, sizeof(FileNode))),
       dir_head_(static_cast<DirNode*>(InitBintreeNode(sizeof(DirNode)))),
-      dirs_(nullptr),
-      installed_(install),
-      saved_files_(FileTree),
-      saved_dirs_(DirTree) {
+      dirs_(nullptr) {
   safe_cpy(&dir_head_->key, "");
   dirs_ = NewBintree(dir_head_, CompareFunc, 0, sizeof(DirNode));
-  if (install) {
-    FileTree = tree_;
-    DirTree = dirs_;
-  }
 }
 
 ScmTree::~ScmTree() {
-  if (installed_) {
-    FileTree = saved_files_;
-    DirTree = saved_dirs_;
-  }
   DestroyBintree(tree_, FreeFileNode);
   FreeFileNode(head_);
   tfree(head_);
@@ -85,6 +73,7 @@ FakeClients::FakeClients(const TempDir& dir)
     : bin_(dir / "fakebin"),
       out_(dir / "fakeout"),
       log_(dir / "fake.log"),
+      argv_(dir / "fake.argv"),
       path_("PATH", bin_ + ":" + Text(std::getenv("PATH"))) {
   MakeDirs(bin_);
   MakeDirs(out_);
@@ -105,6 +94,27 @@ void FakeClients::Output(const std::string& name, const std::string& text) {
   WriteFile(out_ + "/" + name, text);
 }
 
+void FakeClients::AddArgvRecorder(const std::string& name) {
+  AddRaw(name, "{ for a; do printf '%s\\000' \"$a\"; done; printf '\\001\\000'; } >> '" + argv_ +
+                   "'\n");
+}
+
+std::vector<std::vector<std::string>> FakeClients::TakeArgv() {
+  std::vector<std::vector<std::string>> runs(1);
+  const std::string text = ReadFile(argv_).value_or("");
+  for (size_t at = 0, end; (end = text.find('\0', at)) != std::string::npos; at = end + 1) {
+    std::string arg = text.substr(at, end - at);
+    if (arg == "\1") {
+      runs.emplace_back();
+    } else {
+      runs.back().push_back(arg);
+    }
+  }
+  runs.pop_back();
+  WriteFile(argv_, "");
+  return runs;
+}
+
 std::vector<std::string> FakeClients::Log() const {
   std::vector<std::string> lines;
   std::istringstream in(ReadFile(log_).value_or(""));
@@ -115,17 +125,18 @@ std::vector<std::string> FakeClients::Log() const {
 
 namespace {
 std::string g_fail_match;
-FILE* FailingOpen(const char* command) {
-  return std::string(command).find(g_fail_match) != std::string::npos ? nullptr
-                                                                      : popen(command, "r");
+int FailingSpawn(const char* command, pid_t* pid) {
+  *pid = -1;
+  return std::string(command).find(g_fail_match) != std::string::npos ? -1
+                                                                      : SpawnShell(command, pid);
 }
 }  // namespace
 
-FailingStarts::FailingStarts(const std::string& match) : saved_(ScmClientOpen) {
+FailingStarts::FailingStarts(const std::string& match) : saved_(ScmClientSpawn) {
   g_fail_match = match;
-  ScmClientOpen = &FailingOpen;
+  ScmClientSpawn = &FailingSpawn;
 }
-FailingStarts::~FailingStarts() { ScmClientOpen = saved_; }
+FailingStarts::~FailingStarts() { ScmClientSpawn = saved_; }
 
 std::string RealDir(const std::string& path) {
   char buf[PATH_MAX];
@@ -140,7 +151,10 @@ long PeakRssKib() {
   return usage.ru_maxrss;
 }
 
-ScmTest::ScmTest() : b_(RealDir(dir_.path())), cwd_(b_), fakes_(dir_), tree_(true) {
+ScmTest::ScmTest() : b_(RealDir(dir_.path())), cwd_(b_), fakes_(dir_) {
+  scm_.files = tree_.tree();
+  scm_.dirs = tree_.dirs();
+  scm_.client_timeout = 60;
   for (const char* name :
        {"cvs", "cleartool", "hsigget", "svn", "ss", "p4", "si", "accurev", "tf.exe"})
     fakes_.Add(name);

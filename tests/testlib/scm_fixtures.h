@@ -10,23 +10,25 @@
 #include <vector>
 
 #include "inventory/filenode.h"
+#include "scm/runner.h"
 #include "scm/scmtool.h"
+#include "scm/session.h"
 #include "support/bintree.h"
 #include "testlib/testlib.h"
 
 namespace wltest {
 
 // A file tree of its own (head record, CompareFunc, no duplicates) and a
-// directory tree. With `install`, FileTree and DirTree point at them for the
-// test and are restored afterwards.
+// directory tree.
 class ScmTree {
  public:
-  explicit ScmTree(bool install = false);
+  ScmTree();
   ~ScmTree();
   ScmTree(const ScmTree&) = delete;
   ScmTree& operator=(const ScmTree&) = delete;
 
   Bintree* tree() const { return tree_; }
+  Bintree* dirs() const { return dirs_; }
   // A record for root + "/" + rel, as the directory scan makes it.
   FileNode* Add(const std::string& root, const std::string& rel, const std::string& version = "");
   FileNode* Find(const std::string& key) const;
@@ -43,9 +45,6 @@ class ScmTree {
   Bintree* tree_;
   DirNode* dir_head_;
   Bintree* dirs_;
-  bool installed_;
-  Bintree* saved_files_;
-  Bintree* saved_dirs_;
 };
 
 // A bin directory first on PATH. A client made by Add records one log line
@@ -59,13 +58,19 @@ class FakeClients {
   void AddRaw(const std::string& name, const std::string& body);
   void Output(const std::string& name, const std::string& text);
   std::vector<std::string> Log() const;
+  // A client that records nothing but its arguments, byte for byte (each
+  // followed by a NUL, a run closed by "\1" and a NUL), and prints nothing.
+  void AddArgvRecorder(const std::string& name);
+  // The argument vectors (without the program name) of the recorders' runs
+  // so far, in order; clears the record.
+  std::vector<std::vector<std::string>> TakeArgv();
 
  private:
-  std::string bin_, out_, log_;
+  std::string bin_, out_, log_, argv_;
   ScopedEnv path_;
 };
 
-// Replaces ScmClientOpen for the test: commands holding `match` (every
+// Replaces ScmClientSpawn for the test: commands holding `match` (every
 // command for "") are not started.
 class FailingStarts {
  public:
@@ -75,7 +80,7 @@ class FailingStarts {
   FailingStarts& operator=(const FailingStarts&) = delete;
 
  private:
-  ClientOpenFn saved_;
+  ClientSpawnFn saved_;
 };
 
 // Physical path of an existing directory.
@@ -98,8 +103,8 @@ std::string Printed(F&& f) {
 }
 
 // A build directory b_ (the current directory during the test), recording
-// fake clients for every tool first on PATH, and a file tree installed as
-// FileTree and DirTree.
+// fake clients for every tool first on PATH, a file tree, and a session
+// over that tree with a client bound of 60 seconds.
 class ScmTest : public ::testing::Test {
  protected:
   ScmTest();
@@ -110,5 +115,6 @@ class ScmTest : public ::testing::Test {
   ScopedCwd cwd_;
   FakeClients fakes_;
   ScmTree tree_;
+  ScmSession scm_;
 };
 }  // namespace wltest

@@ -1,0 +1,130 @@
+#include "scm/runner.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "support/handles.h"
+#include "testlib/scm_fixtures.h"
+
+namespace {
+
+using wltest::TempDir;
+
+// Output is read as fgets into a buffer of the limit reads it.
+TEST(LineReader, PiecesAtTheLimitAndUnendedLines) {
+  TempDir dir;
+  const std::string a(2046, 'a'), b(4095, 'b');
+  struct Case {
+    std::string in;
+    int limit;
+    std::string pieces;
+  } cases[] = {
+      {a + "\nx\n", 2048, "<" + a + "\n><x\n>"},  {a + "a\nx\n", 2048, "<" + a + "a><\n><x\n>"},
+      {a + "aa\n", 2048, "<" + a + "a><a\n>"},    {b + "b\n", 4096, "<" + b + "><b\n>"},
+      {"crlf\r\nlast", 2048, "<crlf\r\n><last>"},
+  };
+  for (const auto& c : cases) {
+    wltest::WriteFile(dir / "out", c.in);
+    UniqueFd f(open((dir / "out").c_str(), O_RDONLY | O_CLOEXEC));
+    LineReader lines(f.get(), c.limit);
+    std::string all, line;
+    while (lines.Next(line))
+      all += "<" + line + ">";
+    EXPECT_EQ(all, c.pieces) << c.in.size();
+  }
+}
+
+// Descriptors this process has open.
+int OpenDescriptors() {
+  int count = 0;
+  UniqueDir d(opendir("/proc/self/fd"));
+  while (d && readdir(d.get()))
+    ++count;
+  return count;
+}
+
+// 1 while process `pid` exists and is not a zombie.
+bool Alive(pid_t pid) {
+  std::string stat = wltest::ReadFile("/proc/" + std::to_string(pid) + "/stat").value_or("");
+  size_t at = stat.rfind(')');
+  return at != std::string::npos && at + 2 < stat.size() && stat[at + 2] != 'Z';
+}
+
+// Clients that sleep, print endlessly, leave a sleeping grandchild, read
+// standard input, or finish: each is stopped (with its whole group) within
+// its bound of 1 s, or runs to its end; nothing is left behind.
+TEST(ClientRun, BoundStdinAndCleanUp) {
+  TempDir dir;
+  const std::string pid_file = dir / "grandchild";
+  struct Case {
+    std::string command;
+    unsigned timeout;
+    size_t read_lines;  // stop reading after this many lines
+    std::string first;  // first line read
+    bool stopped;
+  } cases[] = {
+      {"echo first; sleep 30", 1, 99, "first\n", true},
+      {"yes", 1, SIZE_MAX, "y\n", true},
+      {"sh -c 'echo $$ > " + pid_file + "; exec sleep 30' & echo first; wait", 1, 99, "first\n",
+       true},
+      {"echo one; sleep 30", 1, 1, "one\n", true},  // reading stopped, still running
+      {"if read x; then echo got; else echo eof; fi", 5, 99, "eof\n", false},
+      {"echo hi; exec 3>&-", 0, 99, "hi\n", false},  // no bound
+  };
+  const int descriptors = OpenDescriptors();
+  for (const auto& c : cases) {
+    const auto start = std::chrono::steady_clock::now();
+    std::string first, line;
+    size_t lines = 0;
+    int status = 0;
+    std::string printed = wltest::Printed([&] {
+      ClientRun run(c.command, "shown", c.timeout, 2048);
+      ASSERT_TRUE(run);
+      while (lines < c.read_lines && run.Next(line))
+        first = lines++ == 0 ? line : first;
+      status = run.Finish();
+      EXPECT_EQ(run.stopped(), c.stopped);
+    });
+    EXPECT_EQ(first, c.first) << c.command;
+    EXPECT_EQ(printed, c.stopped ? "Stopped after 1 seconds: shown\n" : "") << c.command;
+    EXPECT_EQ(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL, c.stopped) << c.command;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << c.command;
+  }
+  // The grandchild went with its group.
+  const pid_t grandchild = std::stoi(wltest::ReadFile(pid_file).value_or("0"));
+  for (int i = 0; i < 500 && Alive(grandchild); ++i)
+    usleep(10000);
+  EXPECT_FALSE(Alive(grandchild));
+  // A client sees only the three standard descriptors, stdin the null device.
+  {
+    ClientRun run("ls /proc/$$/fd; readlink /proc/$$/fd/0", "shown", 5, 2048);
+    std::string all, line;
+    while (run.Next(line))
+      all += line;
+    EXPECT_EQ(all, "0\n1\n2\n/dev/null\n");
+  }
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+  errno = 0;
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // no child left to reap
+  EXPECT_EQ(errno, ECHILD);
+}
+
+// A start that fails reads nothing and reaps nothing.
+TEST(ClientRun, StartFailure) {
+  wltest::FailingStarts fail;
+  ClientRun run("echo hi", "shown", 5, 2048);
+  std::string line;
+  EXPECT_FALSE(run);
+  EXPECT_FALSE(run.Next(line));
+  EXPECT_EQ(run.Finish(), -1);
+}
+
+}  // namespace
