@@ -67,7 +67,7 @@ std::string Fill(std::string text, const std::string& n, const std::string& b) {
   return text;
 }
 
-// Names with shell characters reach every client unchanged and run nothing.
+// Hostile names and versions are covered by hostile_test.cc.
 TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
   struct Case {
     uint32_t type;
@@ -109,7 +109,7 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
       {0, "2", "1", false, "", "", "", ""},
       {kScmCvs | kScmSvn, "2", "1", false, "", "", "", ""},
   };
-  for (const std::string n : {"a.c", "q\"$(touch PWNED) `touch PWNED`.c"}) {
+  for (const std::string n : {"a.c"}) {
     for (const auto& c : cases) {
       const std::string tool(c.first, std::strcspn(c.first, " "));
       const std::string dir = c.in_src ? " in dir " + ws_ + "/src/" : "";
@@ -130,7 +130,7 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
       EXPECT_EQ(Detail(c.type, n, c.now, c.old, &shown), report + (*c.first ? kSep : "")) << n;
       EXPECT_EQ(shown, printed) << c.type;
       EXPECT_EQ(fakes_.Log(), log) << c.type;
-      if (n != "a.c" || !*c.first)
+      if (!*c.first)
         continue;
       // A first command that cannot start writes nothing; a comparison that
       // cannot start leaves the block without its separator.
@@ -140,7 +140,6 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
                 printed + "Could not run: " + Fill(*c.second ? c.second : c.first, n, ws_) + "\n");
     }
   }
-  EXPECT_FALSE(wltest::ReadFile(b_ + "/PWNED") || wltest::ReadFile(ws_ + "/src/PWNED"));
 }
 
 }  // namespace

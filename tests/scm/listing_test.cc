@@ -130,6 +130,29 @@ TEST_F(ListingTest, SiSandboxShowsOnlyTheMaskedCredentials) {
             "Executing:  2>&1 \nCould not run:  2>&1\n");  // no user
 }
 
+// Credentials are added while the command stays within the limit (counted
+// with the quoted values): at n and n + 1 characters.
+TEST(AddUserPassword, LimitAtNAndNPlusOne) {
+  const std::string user = " --user \"u\\$\\\"\"", masked = " --user \"*******\"";
+  struct Case {
+    const char* password;
+    size_t limit;
+    std::string added, shown;
+  } cases[] = {
+      {nullptr, 16, user, masked},  // 1 + 6 + 5 + 4
+      {nullptr, 15, "", ""},
+      {"", 16, user, masked},
+      {"p", 31, user + " --password \"p\"", masked + " --password \"*******\""},
+      {"p", 30, "", ""},
+  };
+  for (const auto& c : cases) {
+    std::string command = "c", shown;
+    EXPECT_EQ(AddUserPassword(command, shown, "u$\"", c.password, "--user", "--password", c.limit),
+              c.added.empty() ? 0 : 1);
+    EXPECT_EQ(command + "|" + shown, "c" + c.added + "|" + c.shown) << c.limit;
+  }
+}
+
 // Overlong and endless lines arrive in pieces, a NUL byte ends its piece's
 // text, and the tool keeps reading after either.
 TEST_F(ListingTest, OverlongEndlessAndNulLines) {
