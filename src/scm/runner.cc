@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -36,9 +39,33 @@ UniqueFd AboveStandard(UniqueFd fd) {
   return UniqueFd(fcntl(fd.get(), F_DUPFD_CLOEXEC, 3));
 }
 
-void PauseBriefly() {
-  struct timespec pause = {0, 10 * 1000 * 1000};
-  nanosleep(&pause, nullptr);
+// Wait until child `pid` has ended (without reaping it) or `deadline` has
+// passed; true when it ended. Watches a process descriptor where the kernel
+// has them, else looks again after growing pauses (0.1 ms up to 20 ms).
+bool EndsBy(pid_t pid, LineReader::Clock::time_point deadline) {
+  UniqueFd watch(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  long pause_ns = 100 * 1000;
+  for (;;) {
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+      if (errno == EINTR)
+        continue;
+      return true;  // nothing to wait for: the caller's waitpid says so
+    }
+    if (info.si_pid == pid)
+      return true;
+    int left = PollTimeout(deadline);
+    if (left == 0)
+      return false;
+    if (watch.get() >= 0) {
+      struct pollfd p = {watch.get(), POLLIN, 0};
+      (void)poll(&p, 1, left);  // ready, timed out or interrupted: look again
+      continue;
+    }
+    struct timespec pause = {0, pause_ns};
+    nanosleep(&pause, nullptr);
+    pause_ns = std::min(pause_ns * 2, 20L * 1000 * 1000);
+  }
 }
 
 }  // namespace
@@ -106,28 +133,36 @@ int SpawnShell(const char* command, pid_t* pid) {
     return -1;
   UniqueFd read_end = AboveStandard(UniqueFd(fds[0]));
   UniqueFd write_end = AboveStandard(UniqueFd(fds[1]));
-  UniqueFd null_fd = AboveStandard(UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)));
-  if (read_end.get() < 0 || write_end.get() < 0 || null_fd.get() < 0)
+  if (read_end.get() < 0 || write_end.get() < 0)
     return -1;
-  pid_t child = fork();
-  if (child == 0) {
-    // Only async-signal-safe calls from here to exec.
-    setpgid(0, 0);
-    struct sigaction dfl {};
-    dfl.sa_handler = SIG_DFL;
-    sigaction(SIGPIPE, &dfl, nullptr);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (dup2(null_fd.get(), 0) < 0 || dup2(write_end.get(), 1) < 0)
-      _exit(127);
-    close_range(3, ~0U, 0);  // nothing of ours beyond the three standard ones
-    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  if (child < 0)
+
+  // In the child: stdin the null device, stdout the pipe, nothing of ours
+  // beyond the three standard descriptors; a group of its own; SIGPIPE at
+  // its default and no signal blocked, whatever this process has set.
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attr;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attr);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, write_end.get(), 1);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+  sigset_t none, pipe_signal;
+  sigemptyset(&none);
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF |
+                                      POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setpgroup(&attr, 0);
+  posix_spawnattr_setsigdefault(&attr, &pipe_signal);
+  posix_spawnattr_setsigmask(&attr, &none);
+  char sh[] = "sh", dash_c[] = "-c";
+  char* argv[] = {sh, dash_c, const_cast<char*>(command), nullptr};
+  pid_t child = -1;
+  int failed = posix_spawn(&child, "/bin/sh", &actions, &attr, argv, environ);
+  posix_spawnattr_destroy(&attr);
+  posix_spawn_file_actions_destroy(&actions);
+  if (failed != 0)
     return -1;
-  setpgid(child, child);  // also here, so the group exists before we could signal it
   *pid = child;
   return read_end.Release();
 }
@@ -175,21 +210,14 @@ int ClientRun::Finish() {
   out_.Reset();  // a client still writing gets SIGPIPE
   if (pid_ <= 0)
     return -1;
+  if (!stopped_ && !EndsBy(pid_, deadline_))
+    Stop();
   int status = 0;
-  for (;;) {
-    bool bounded = deadline_ != LineReader::Clock::time_point::max() && !stopped_;
-    pid_t done = waitpid(pid_, &status, bounded ? WNOHANG : 0);
-    if (done < 0 && errno == EINTR)
-      continue;
-    if (done < 0)
+  while (waitpid(pid_, &status, 0) < 0) {
+    if (errno != EINTR) {
       status = -1;
-    if (done != 0)
       break;
-    if (LineReader::Clock::now() >= deadline_) {
-      Stop();
-      continue;
     }
-    PauseBriefly();
   }
   pid_ = -1;
   return status;
