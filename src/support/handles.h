@@ -46,34 +46,6 @@ class UniqueFd {
   int fd_;
 };
 
-// A popen'ed pipe. Close() returns pclose's status; the destructor is only
-// the safety net.
-class UniquePipe {
- public:
-  UniquePipe() = default;
-  explicit UniquePipe(FILE* f) : f_(f) {}
-  UniquePipe(UniquePipe&& o) noexcept : f_(std::exchange(o.f_, nullptr)) {}
-  UniquePipe& operator=(UniquePipe&& o) noexcept {
-    if (this != &o) {
-      Close();
-      f_ = std::exchange(o.f_, nullptr);
-    }
-    return *this;
-  }
-  UniquePipe(const UniquePipe&) = delete;
-  UniquePipe& operator=(const UniquePipe&) = delete;
-  ~UniquePipe() { Close(); }
-  FILE* get() const { return f_; }
-  explicit operator bool() const { return f_ != nullptr; }
-  int Close() {
-    FILE* f = std::exchange(f_, nullptr);
-    return f ? pclose(f) : -1;
-  }
-
- private:
-  FILE* f_ = nullptr;
-};
-
 // Changes the current directory and restores the one it found on
 // destruction. ok() tells whether the change succeeded.
 class ScopedChdir {
