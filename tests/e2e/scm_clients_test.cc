@@ -36,7 +36,8 @@ class ScmClients : public ::testing::Test {
     Make("cvs", cvs + "init && mkdir empty && cd empty && " + cvs +
                     "import -m init mod vend start && cd .. && " + cvs +
                     "checkout -d co mod && cd co && echo a > a.c && mkdir sub && cvs -Q add sub "
-                    "&& echo b > sub/b.c && cvs -Q add a.c sub/b.c && cvs -Q commit -m one && "
+                    "&& echo b > sub/b.c && echo x > ./-x.c && echo q > 'q $(touch PWNED).c' && "
+                    "cvs -Q add a.c sub/b.c ./-x.c 'q $(touch PWNED).c' && cvs -Q commit -m one && "
                     "echo a2 >> a.c && cvs -Q commit -m two");
   }
   // Runs the binary on the workspace; returns the run's output and sets
@@ -129,11 +130,12 @@ TEST_F(ScmClients, CvsWorkspaceListing) {
     return;
   std::string bom, diff;
   EXPECT_NE(Run("CVS", "bom", &bom).find("Executing: cvs log -h 2>&1\n"), std::string::npos);
-  for (const char* rel : {"a.c", "sub/b.c"})
-    EXPECT_EQ(Field(bom, rel, 5), Revision("cvs status", rel)) << bom;
+  for (const char* rel : {"a.c", "sub/b.c", "-x.c", "q $(touch PWNED).c"})
+    EXPECT_EQ(Field(bom, rel, 5), Revision("cvs status", std::string("./") + rel)) << bom;
   EXPECT_EQ(Field(bom, "a.c", 5), "1.2");
   EXPECT_EQ(bom.find("CVS/"), std::string::npos);  // administrative files are not inventoried
-  wltest::WriteFile(co_ + "/sub/b.c", "b\nchanged\n");
+  for (const char* rel : {"sub/b.c", "-x.c", "q $(touch PWNED).c"})
+    wltest::WriteFile(co_ + "/" + rel, "b\nchanged\n");
   const std::string in = " 2>&1 in dir " + co_ + "/sub/\n";
   EXPECT_NE(
       Run("CVS", "diff", &diff)
@@ -144,6 +146,14 @@ TEST_F(ScmClients, CvsWorkspaceListing) {
        {"\nWorking file: b.c\nhead: 1.1\n", "\nretrieving revision 1.1\n", "\n+ changed\n"})
     EXPECT_NE(block.find(part), std::string::npos) << part << diff;
   EXPECT_EQ(Block(diff, "a.c"), "");
+  // A name that begins with "-" reaches cvs as "./-x.c", shell text as text.
+  for (const std::string rel : {"-x.c", "q $(touch PWNED).c"}) {
+    for (const std::string& part : {"\nWorking file: " + rel + "\nhead: 1.1\n",
+                                    std::string("\nretrieving revision 1.1\n"), std::string("\n! changed\n")})
+      EXPECT_NE(Block(diff, rel).find(part), std::string::npos) << part << diff;
+  }
+  for (const std::string& where : {start_, co_, root_})
+    EXPECT_FALSE(wltest::ReadFile(where + "/PWNED").has_value()) << where;
 }
 
 // CVSREP: records from the repository log alone (size 0, local digest).
