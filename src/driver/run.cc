@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +38,10 @@ namespace {
 constexpr const char* kSavingProgress = "Saving Comparison data";
 constexpr const char* kUploadingFormat = "Uploading Report Data %s\n";
 constexpr const char* kComplete = "Complete";
+
+// SIGXFSZ handler: the write that went past the limit then fails with EFBIG
+// and is reported where it is checked.
+void NoteSizeLimit(int) {}
 
 // The password-database entry of the effective user, kept for the process.
 struct passwd* g_user_entry = nullptr;
@@ -368,8 +372,12 @@ int InspectorMain(int argc, char** argv) {
   // killed by its build farm still shows how far it came.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   // A file size limit makes writes fail (and be reported) instead of
-  // killing the run.
-  std::signal(SIGXFSZ, SIG_IGN);
+  // killing the run. The signal is caught rather than ignored, so that the
+  // clients started later get the default action back when they start.
+  struct sigaction on_size_limit {};
+  on_size_limit.sa_handler = NoteSizeLimit;
+  sigemptyset(&on_size_limit.sa_mask);
+  sigaction(SIGXFSZ, &on_size_limit, nullptr);
   GetUserId(UserId);
   WeftlaneServer.clear();
 
