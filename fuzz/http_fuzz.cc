@@ -1,5 +1,6 @@
-// The HTTP line reader and the answer draining, over one end of a local
-// socket pair whose other end has sent the input and closed: no network.
+// The HTTP line reader, the answer framing and the answer draining, over
+// one end of a local socket pair whose other end has sent the input and
+// closed: no network. The framing is also fed the bytes directly.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
+#include "net/answer.h"
 #include "net/transport.h"
 
 namespace {
@@ -28,6 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int32_t sizes[] = {static_cast<int32_t>(in.Byte()), 2048, 60000, 1};
   const int32_t line_size = sizes[pick % 4];
   const bool discard = pick & 0x80;
+  const bool framed = pick & 0x40;
   std::string_view body = in.Rest();
   if (body.size() > kMaxSent)
     body = body.substr(0, kMaxSent);
@@ -45,11 +48,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   close(pair[1]);
 
+  AnswerParser parser;
+  for (char c : body) {
+    parser.Feed(c);
+    if (parser.status_line().size() > AnswerParser::kMaxKeptLine)
+      std::abort();
+  }
+  (void)parser.code();
+
   // A buffer exactly as large as stated, so that any write past it shows.
   std::vector<char> buf(static_cast<size_t>(line_size > 0 ? line_size : 1));
+  AnswerReader answer(pair[0]);
+  auto next = [&] {
+    return framed ? answer.Line(buf.data(), line_size) : readline(pair[0], buf.data(), line_size);
+  };
   size_t total = 0;
   int result;
-  while ((result = readline(pair[0], buf.data(), line_size)) > 0) {
+  while ((result = next()) > 0) {
     const size_t stored = std::strlen(buf.data());
     if (line_size > 1 && stored > static_cast<size_t>(line_size - 1))
       std::abort();
@@ -57,11 +72,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (line_size <= 1 || total > body.size() + body.size() + 2)
       break;  // size <= 1 reads nothing and would repeat forever
     if (discard && total > body.size() / 2) {
-      while (readlineAndDiscard(pair[0]) > 0) {
+      if (framed) {
+        (void)answer.Drain();
+      } else {
+        while (readlineAndDiscard(pair[0]) > 0) {
+        }
       }
       break;
     }
   }
+  if (framed)
+    (void)AnswerError(answer, "the report", "http://server:8080");
   close(pair[0]);
   return 0;
 }
