@@ -8,6 +8,7 @@
 #include "net/answer.h"
 #include "net/soap.h"
 #include "net/transport.h"
+#include "net/upload.h"
 #include "support/strings.h"
 
 namespace {
@@ -74,7 +75,8 @@ bool GetOverHttp(std::string& err, const char* source, std::string& result) {
 }
 
 bool GetFromFile(const char* source, std::string& result) {
-  FILE* file = std::fopen(OrEmpty(source), "re");
+  std::string why;
+  FILE* file = OpenRegularFile(OrEmpty(source), kMaxUploadSize, why);
   if (!file)
     return false;
   std::vector<char> buffer(kGetLine);
@@ -110,9 +112,13 @@ int HTTPPost(std::string& err, const char* url, const char* path) {
   std::string port;
   std::string url_path;
   int fd = tcp_connect(err, OrEmpty(url), host, port, url_path);
-  FILE* file = std::fopen(OrEmpty(path), "re");
+  std::string why;
+  FILE* file = OpenRegularFile(OrEmpty(path), kMaxUploadSize, why);
   if (!file) {
-    std::printf("ERROR 11: Could not read dependency file %s\n", OrEmpty(path));
+    if (why.empty() || why == "stat")
+      std::printf("ERROR 11: Could not read dependency file %s\n", OrEmpty(path));
+    else
+      std::printf("ERROR 11: Could not read dependency file %s: %s\n", OrEmpty(path), why.c_str());
     if (fd >= 0)
       WLCleanUp(fd);
     return 7;

@@ -23,7 +23,8 @@ std::string GetRequest(const std::string& path);
 //     No connection: null, with the transport's message in err.
 //   - anything else (an "HTTP://" URL included) is read as a local file
 //     name, in pieces of at most 59999 bytes each taken up to its first NUL;
-//     a file that cannot be opened gives null and no message.
+//     a file that cannot be opened, or that is not a regular file of at most
+//     1 GiB (kMaxUploadSize), gives null and no message.
 // A text that begins with the not-found page "<head><title>Not Found (4"
 // (first 25 characters, any letter case) is dropped: null.
 // The answer is read to the end its framing announces (net/answer.h) and
@@ -42,5 +43,7 @@ char* HTTPGet(std::string& err, const char* source);
 // send, as in the old client.
 // Result: 0 after sending; 7 when the file cannot be opened, after printing
 // "ERROR 11: Could not read dependency file <path>" on standard output (the
-// connection is then closed unused).
+// connection is then closed unused). A file that is not a regular file of at
+// most 1 GiB is not read either: the line then ends ": not a regular file"
+// or ": <n> bytes, more than the limit of 1073741824".
 int HTTPPost(std::string& err, const char* url, const char* path);

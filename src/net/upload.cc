@@ -30,40 +30,51 @@ void AppendBodyTail(std::string& body) {
   body += kFormClosingLine;
 }
 
-// Open `path` for the upload, only when it is a regular file of at most
-// kMaxUploadSize bytes; otherwise print why and return null. Opened without
-// blocking, so that a FIFO under the name is examined, not waited on.
+// Open `path` for the upload, or print why not and return null.
 FILE* OpenUpload(const char* path, int64_t& size) {
-  UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (fd.get() < 0) {
+  std::string why;
+  FILE* file = OpenRegularFile(path, kMaxUploadSize, why, &size);
+  if (file)
+    return file;
+  if (why == "stat")
+    std::printf("Could not stat %s\n", path);
+  else if (why.empty())
     std::printf("Could not open %s for upload\n", path);
+  else
+    std::printf("Could not open %s for upload: %s\n", path, why.c_str());
+  return nullptr;
+}
+
+}  // namespace
+
+FILE* OpenRegularFile(const char* path, int64_t max_size, std::string& why, int64_t* size) {
+  why.clear();
+  // Without blocking, so that a FIFO under the name is examined, not waited on.
+  UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (fd.get() < 0)
     return nullptr;
-  }
   struct stat st;
   if (fstat(fd.get(), &st) != 0) {
-    std::printf("Could not stat %s\n", path);
+    why = "stat";
     return nullptr;
   }
   if (!S_ISREG(st.st_mode)) {
-    std::printf("Could not open %s for upload: not a regular file\n", path);
+    why = "not a regular file";
     return nullptr;
   }
-  if (st.st_size > kMaxUploadSize) {
-    std::printf("Could not open %s for upload: %lld bytes, more than the limit of %lld\n", path,
-                static_cast<long long>(st.st_size), static_cast<long long>(kMaxUploadSize));
+  if (st.st_size > max_size) {
+    why = std::to_string(st.st_size) + " bytes, more than the limit of " + std::to_string(max_size);
     return nullptr;
   }
   fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
   FILE* file = fdopen(fd.get(), "r");
-  if (file)
-    fd.Release();
-  else
-    std::printf("Could not open %s for upload\n", path);
-  size = st.st_size;
+  if (!file)
+    return nullptr;
+  fd.Release();
+  if (size)
+    *size = st.st_size;
   return file;
 }
-
-}  // namespace
 
 std::string UploadBody(const UploadTarget& target, const char* filename,
                        std::string_view content) {

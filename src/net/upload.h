@@ -2,6 +2,8 @@
 // Report upload to the build server's LogUpload service.
 
 #include <cstddef>
+#include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -22,6 +24,15 @@ struct UploadTarget {
 // ordinary; the whole body is held in memory once, and its length stays
 // within the 32-bit count of the old protocol).
 inline constexpr int64_t kMaxUploadSize = int64_t{1} << 30;
+
+// Open `path` for reading only when it is a regular file of at most
+// `max_size` bytes (opened without blocking first, so a FIFO is never
+// waited on). Null otherwise, with `why` "" (it cannot be opened), "stat"
+// (its status cannot be read), "not a regular file" or "<n> bytes, more
+// than the limit of <max_size>". `size`, when given, receives the size.
+// The caller closes the stream.
+FILE* OpenRegularFile(const char* path, int64_t max_size, std::string& why,
+                      int64_t* size = nullptr);
 
 // The multipart body for a file named `filename` with `content`: the five
 // job fields, the file part and the closing line. Text in, text out.
