@@ -188,11 +188,12 @@ TEST(HTTPPost, RequestFromTheFile) {
   EXPECT_EQ(out.Take(), "ERROR 11: Could not read dependency file /nonexistent/deps.txt\n");
   // A FIFO is neither posted nor waited on; HTTPGet treats it as missing.
   ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  CaptureStdout fifo_out;
   EXPECT_EQ(Wire([&](const std::string& url) {
               EXPECT_EQ(HTTPPost(err, url.c_str(), (dir / "fifo").c_str()), 7);
             }),
             "");
-  EXPECT_EQ(out.Take(),
+  EXPECT_EQ(fifo_out.Take(),
             "ERROR 11: Could not read dependency file " + (dir / "fifo") + ": not a regular file\n");
   EXPECT_EQ(Get(dir / "fifo"), "<null>|");
 }
