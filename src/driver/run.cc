@@ -184,7 +184,7 @@ void AcquireInventory(ScmSession& scm, const std::string& build_dir) {
   }
 }
 
-// The design's message for a name a directory stands in the way of; the
+// The long-standing message for a name a directory stands in the way of; the
 // system's reason with it for every other failure.
 int CouldNotWrite(const std::string& name, int error = EISDIR) {
   if (error == EISDIR)
