@@ -271,7 +271,14 @@ int writen(int fd, const void* data, int32_t len) {
   int32_t left = len;
   const bool bounded = net_timeout > 0;
   while (left > 0) {
-    if (bounded) {
+    // Without blocking when bounded: a piece that finds no room waits for
+    // it below, within the bound; one that finds some is sent in part and
+    // continued. Waiting only then costs no extra call per piece.
+    ssize_t sent = send(fd, p, static_cast<size_t>(std::min(left, kSendPiece)),
+                        MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
+    if (sent < 0 && errno == EINTR)
+      continue;
+    if (sent < 0 && bounded && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       int ready = WaitReady(fd, POLLOUT, NetDeadline());
       if (ready == 0) {
         // Later sends on this connection then fail at once instead of
@@ -281,13 +288,8 @@ int writen(int fd, const void* data, int32_t len) {
       }
       if (ready <= 0)
         return -1;
-    }
-    // Without blocking when bounded: poll's "writable" does not promise room
-    // for the whole piece, and a partial send is simply continued.
-    ssize_t sent = send(fd, p, static_cast<size_t>(std::min(left, kSendPiece)),
-                        MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
-    if (sent < 0 && (errno == EINTR || (bounded && (errno == EAGAIN || errno == EWOULDBLOCK))))
       continue;
+    }
     if (sent <= 0)
       return -1;
     left -= static_cast<int32_t>(sent);
