@@ -24,7 +24,6 @@ namespace {
 // chain would only queue behind the first).
 using Lanes = uint64_t __attribute__((vector_size(64)));
 using HalfLanes = uint64_t __attribute__((vector_size(32)));
-constexpr int kLanes = DigestBatch::kLanes;
 // Transform inputs queued per lane. One 1,024-byte read causes at most 16
 // transforms and the finish at most 2, so a lane is refilled while at most
 // kRows - kMaxRowsPerStep rows are queued.
