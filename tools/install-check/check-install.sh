@@ -2,8 +2,9 @@
 # Checks what users get from an install: installs a configured build into a
 # fresh staging prefix, builds a small program against the installed library
 # twice (CMake find_package, then pkg-config) and runs it, checks the man
-# pages with `man --warnings`, then builds the .deb and prints its control
-# data and contents. Fails when anything fails.
+# pages with `man --warnings`, then builds the .deb, prints its control data
+# and contents, and builds the program once more against the package's files
+# (unpacked into a directory, not installed). Fails when anything fails.
 #
 #   tools/install-check/check-install.sh BUILD_DIR
 #
@@ -59,6 +60,15 @@ dpkg-deb --field "$deb"
 dpkg-deb --field "$deb" Depends | grep -q 'libc6' ||
   { echo "check-install: the package names no run-time dependencies" >&2; exit 1; }
 dpkg-deb --contents "$deb" | awk '{print $1, $NF}'
+echo "== a program built with pkg-config against the unpacked package"
+dpkg-deb -x "$deb" "$work/unpacked"
+flags=$(PKG_CONFIG_PATH="$work/unpacked/usr/lib/pkgconfig" pkg-config --cflags --libs wlinspector)
+# shellcheck disable=SC2086
+${CXX:-c++} -o "$work/consumer-deb" "$here/consumer/consumer.cc" $flags
+out=$("$work/consumer-deb")
+echo "$out"
+[ "$out" = "$expected" ]
+"$work/unpacked/usr/bin/wlreceiver" --help | head -n 1
 mkdir -p "$build/packages"
 cp "$deb" "$build/packages/"
 echo "package: $build/packages/$(basename "$deb")"
