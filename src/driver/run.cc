@@ -27,6 +27,7 @@
 #include "scm/detail.h"
 #include "scm/listing.h"
 #include "scm/perfile.h"
+#include "scm/runner.h"
 #include "support/bintree.h"
 #include "support/handles.h"
 #include "support/strings.h"
@@ -144,20 +145,6 @@ class RunResources {
   FileNode* old_head_ = nullptr;
 };
 
-// WEFTLANE_CLIENT_TIMEOUT (environment or property files): seconds one SCM
-// client may run; 0 means no bound. Unset or not a number: the default.
-unsigned ClientTimeout() {
-  const char* text = GetEnv("WEFTLANE_CLIENT_TIMEOUT");
-  if (text == nullptr || *text < '0' || *text > '9')
-    return kDefaultClientTimeout;
-  char* end = nullptr;
-  errno = 0;
-  unsigned long seconds = std::strtoul(text, &end, 10);
-  if (*end != '\0' || errno != 0 || seconds > 0xFFFFFFFFul)
-    return kDefaultClientTimeout;
-  return static_cast<unsigned>(seconds);
-}
-
 // The SCM stage's view of the run, read once from the settings (the trees
 // must exist).
 ScmSession MakeScmSession() {
@@ -167,7 +154,11 @@ ScmSession MakeScmSession() {
   scm.password = Password;
   scm.files = FileTree;
   scm.dirs = DirTree;
-  scm.client_timeout = ClientTimeout();
+  // A value that is no number of seconds is named and the default kept.
+  const std::string warning =
+      ClientTimeoutFrom(GetEnv("WEFTLANE_CLIENT_TIMEOUT"), &scm.client_timeout);
+  if (!warning.empty())
+    std::puts(warning.c_str());
   return scm;
 }
 

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 namespace {
 
@@ -168,6 +169,30 @@ int SpawnShell(const char* command, pid_t* pid) {
 }
 
 ClientSpawnFn ScmClientSpawn = &SpawnShell;
+
+std::string ClientTimeoutFrom(const char* value, unsigned* seconds) {
+  *seconds = kDefaultClientTimeout;
+  std::string_view v = value ? value : "";
+  while (!v.empty() && (v.front() == ' ' || v.front() == '\t'))
+    v.remove_prefix(1);
+  while (!v.empty() && (v.back() == ' ' || v.back() == '\t'))
+    v.remove_suffix(1);
+  if (v.empty())
+    return "";  // unset, or set empty in a property file
+  uint64_t number = 0;
+  bool digits = v.size() <= 10;
+  for (char c : v) {
+    digits = digits && c >= '0' && c <= '9';
+    number = digits ? number * 10 + static_cast<uint64_t>(c - '0') : 0;
+  }
+  if (digits && number <= kMaxClientTimeout) {
+    *seconds = static_cast<unsigned>(number);
+    return "";
+  }
+  return std::string("WARNING: WEFTLANE_CLIENT_TIMEOUT ") + value +
+         " is not a number of seconds from 0 to " + std::to_string(kMaxClientTimeout) +
+         "; stopping clients after " + std::to_string(kDefaultClientTimeout) + " s";
+}
 
 ClientRun::ClientRun(const std::string& text, const std::string& shown, unsigned timeout_seconds,
                      int limit)

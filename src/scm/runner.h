@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "scm/session.h"
 #include "support/handles.h"
 
 // Reads a descriptor the way a loop of fgets into a buffer of `limit` bytes
@@ -56,6 +57,16 @@ int SpawnShell(const char* command, pid_t* pid);
 // (then there is no process to wait for or stop). Never null.
 using ClientSpawnFn = int (*)(const char* command, pid_t* pid);
 extern ClientSpawnFn ScmClientSpawn;
+
+// The client bound from a WEFTLANE_CLIENT_TIMEOUT value into *seconds:
+// null or blank (unset) gives kDefaultClientTimeout; decimal digits (blanks
+// around them allowed) up to kMaxClientTimeout give their value, 0 meaning
+// no bound; anything else gives the default and the result is the warning
+// line to print (without "\n"):
+//   "WARNING: WEFTLANE_CLIENT_TIMEOUT <value> is not a number of seconds from
+//    0 to 4294967295; stopping clients after 1800 s"
+// "" otherwise.
+std::string ClientTimeoutFrom(const char* value, unsigned* seconds);
 
 // Printed (with the bound and the command as shown) when a client run is
 // stopped because it ran past its bound.

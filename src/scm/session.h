@@ -24,8 +24,9 @@ inline constexpr uint32_t kScmMstf = 512;  // MSTF and TEAMPRISE
 inline constexpr uint32_t kListingMask = 0x10395;
 inline constexpr uint32_t kPerFileMask = 0x68;
 
-// Default bound of one client run, in seconds.
+// Default and largest bound of one client run, in seconds.
 inline constexpr unsigned kDefaultClientTimeout = 1800;
+inline constexpr unsigned kMaxClientTimeout = 4294967295u;
 
 // What the SCM stage of one run is given. A plain record: the driver owns
 // the texts and the trees and keeps them alive while the stage runs.

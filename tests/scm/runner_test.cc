@@ -117,6 +117,29 @@ TEST(ClientRun, BoundStdinAndCleanUp) {
   EXPECT_EQ(errno, ECHILD);
 }
 
+// WEFTLANE_CLIENT_TIMEOUT values, the largest at n and n + 1.
+TEST(ClientTimeoutFrom, ValuesAndWarnings) {
+  const std::string warn = " is not a number of seconds from 0 to 4294967295; stopping clients "
+                           "after 1800 s";
+  struct Case {
+    const char* value;
+    unsigned seconds;
+    std::string warning;
+  } cases[] = {
+      {nullptr, 1800, ""},   {" \t", 1800, ""},       {"0", 0, ""},
+      {" 7\t", 7, ""},       {"4294967295", 4294967295u, ""},
+      {"4294967296", 1800, "WARNING: WEFTLANE_CLIENT_TIMEOUT 4294967296" + warn},
+      {"-1", 1800, "WARNING: WEFTLANE_CLIENT_TIMEOUT -1" + warn},
+      {"5s", 1800, "WARNING: WEFTLANE_CLIENT_TIMEOUT 5s" + warn},
+      {"00000000001", 1800, "WARNING: WEFTLANE_CLIENT_TIMEOUT 00000000001" + warn},
+  };
+  for (const auto& c : cases) {
+    unsigned seconds = 99;
+    EXPECT_EQ(ClientTimeoutFrom(c.value, &seconds), c.warning) << (c.value ? c.value : "null");
+    EXPECT_EQ(seconds, c.seconds) << (c.value ? c.value : "null");
+  }
+}
+
 // A start that fails reads nothing and reaps nothing.
 TEST(ClientRun, StartFailure) {
   wltest::FailingStarts fail;
