@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <algorithm>
 #include <random>
 #include <sstream>
@@ -24,7 +23,6 @@ struct Rec {
 };
 
 Rec* AsRec(const void* p) { return static_cast<Rec*>(const_cast<void*>(p)); }
-int IdOf(const void* p) { return p == nullptr ? -1 : AsRec(p)->id; }
 
 Rec* NewRec(const std::string& key, int id) {
   Rec* rec = AsRec(InitBintreeNode(sizeof(Rec)));
@@ -107,33 +105,6 @@ std::string Shape(const Node* node) {
 }
 std::string Shape(const TestTree& tree) { return Shape(tree.head->greater); }
 
-TEST(BintreeInit, TooSmallSizesStillHoldTheCommonPrefix) {
-  for (int16_t size : {0, -32768}) {
-    auto* bytes = static_cast<char*>(InitBintreeNode(size));
-    EXPECT_EQ(std::string(bytes, sizeof(BintreeNode)), std::string(sizeof(BintreeNode), '\0'));
-    std::memset(bytes, 0xA5, sizeof(BintreeNode));  // the sanitizer checks the extent
-    tfree(bytes);
-  }
-}
-
-TEST(BintreeNew, NullHeadOrLinksAlreadyBelowTheHead) {
-  Bintree* own = NewBintree(nullptr, CompareFunc, 0, sizeof(BintreeNode));
-  EXPECT_EQ(LoadKey(own, "dir/sub"), 0);
-  EXPECT_EQ(LoadKey(own, "dir/sub"), -1);  // the refused copy is freed again
-  DestroyBintree(own, FreeRecText);        // the leak checker sees the made head go
-  Rec* head = NewRec("", -1);
-  Rec* b = NewRec("b", 0);
-  head->greater = reinterpret_cast<BintreeNode*>(b);
-  b->lesser = reinterpret_cast<BintreeNode*>(NewRec("a", 1));
-  b->greater = reinterpret_cast<BintreeNode*>(NewRec("c", 2));
-  Bintree* tree = NewBintree(head, CompareFunc, 0, sizeof(Rec));  // takes over the links
-  EXPECT_EQ(InsBintree(tree, NewRec("d", 3)), 0);
-  g_released.clear();
-  DestroyBintree(tree, LogAndFreeText);
-  EXPECT_EQ(g_released, "b c d a");
-  FreeRec(head);
-}
-
 // "in order with depths | post order"; *results gets the two results added.
 std::string Walks(Bintree* tree, int* results) {
   std::string in, post;
@@ -157,21 +128,17 @@ std::string Walks(Bintree* tree, int* results) {
 
 // Per row: keys and whether duplicates are allowed, then InsBintree's results
 // and the shape, "in order with depths | post order", and the release order.
+// Keys compare bytewise and unsigned; the links of bigger trees are checked
+// against the plain descent below.
 TEST(BintreeInsert, LinksWalksAndReleaseOrder) {
   const std::tuple<const char*, int, const char*> cases[] = {
-      {"b a c", 0, "000 (a)b(c) | a:1 b:0 c:1 | a c b | b c a"},
-      {"a b c", 0, "000 a(b(c)) | a:0 b:1 c:2 | c b a | a b c"},
-      {"c b a", 0, "000 ((a)b)c | a:2 b:1 c:0 | a b c | c b a"},
-      {"a e b d c", 0, "00000 a((b((c)d))e) | a:0 b:2 c:4 d:3 e:1 | c d b e a | a b c d e"},
       {"d b f a c e g", 0,
        "0000000 ((a)b(c))d((e)f(g)) | a:2 b:1 c:2 d:0 e:2 f:1 g:2 | a c b e g f d | d e f g b c a"},
       {"b a c a c b", 0, "000-1-1-1 (a)b(c) | a:1 b:0 c:1 | a c b | b c a"},
       {"b a c b", 1, "0000 (a)b((b)c) | a:1 b:0 b:2 c:1 | a b c b | b b c a"},
-      {"b a b a", 1, "0000 (a(a))b(b) | a:1 a:2 b:0 b:1 | a a b b | b b a a"},
-      {"Makefile makefile a B", 0,
-       "0000 (B)Makefile((a)makefile) | B:1 Makefile:0 a:2 makefile:1 | B a makefile Makefile | "
-       "Makefile a makefile B"},
-      {"\xC3\xA9 z", 0, "00 (z)\xC3\xA9 | z:1 \xC3\xA9:0 | z \xC3\xA9 | \xC3\xA9 z"},  // unsigned
+      {"Makefile makefile \xC3\xA9 B", 0,
+       "0000 (B)Makefile(makefile(\xC3\xA9)) | B:1 Makefile:0 makefile:1 \xC3\xA9:2 | "
+       "B \xC3\xA9 makefile Makefile | Makefile makefile \xC3\xA9 B"},
       {"", 0, "  |  |  | "},
   };
   for (const auto& [keys, duplicates, want] : cases) {
@@ -180,92 +147,13 @@ TEST(BintreeInsert, LinksWalksAndReleaseOrder) {
     std::string got = tree.results + " " + Shape(tree) + " | " + Walks(tree.tree, &results);
     EXPECT_EQ(results, *keys ? 0 : -2) << keys;  // -1 each for an empty tree
     EXPECT_EQ(got + " | " + tree.Destroy(), want);
-    EXPECT_EQ(tree.head->lesser, nullptr);
     EXPECT_STREQ(tree.head->key, "");  // the head is not released
   }
-}
-
-TEST(BintreeInsert, RefusedRecordsStayUntouchedAndFindMatchesExactly) {
-  TestTree tree(1, "m c");
-  EXPECT_EQ(InsBintree(tree.tree, FindKey(tree.tree, "c")), -1);  // linked already
+  TestTree tree(1, "m c");  // a record linked already is refused, even with duplicates
+  EXPECT_EQ(InsBintree(tree.tree, FindKey(tree.tree, "c")), -1);
   EXPECT_EQ(InsBintree(tree.tree, tree.head), -1);
-  TestTree unique(0, "m c x Makefile ab");
-  Rec* dup = NewRec("c", 99);
-  dup->greater = reinterpret_cast<BintreeNode*>(dup);  // no valid link; must stay
-  EXPECT_EQ(InsBintree(unique.tree, dup), -1);
-  EXPECT_EQ(dup->greater, reinterpret_cast<BintreeNode*>(dup));
-  std::string found;
-  for (const char* key : {"c", "Makefile", "ab", "makefile", "a", "abc", "", "zzz", "d"}) {
-    found += std::to_string(IdOf(FindKey(unique.tree, key)));
-  }
-  EXPECT_EQ(found, "134-1-1-1-1-1-1");
-  EXPECT_EQ(FindKey(unique.tree, nullptr), nullptr);  // null reads as ""
+  EXPECT_EQ(FindKey(tree.tree, nullptr), nullptr);
   EXPECT_EQ(FindKey(nullptr, "m"), nullptr);
-  FreeRec(dup);
-  EXPECT_EQ(Shape(tree), "(c)m");
-}
-
-TEST(BintreeInsert, DuplicatesWalkOldestFirstAndFindNearestRoot) {
-  TestTree tree(1, "m c m x m");  // ids 0..4
-  EXPECT_EQ(Shape(tree), "(c)m(m((m)x))");
-  int results = 9;  // the depths tell the m records apart: ids 0, 2, 4
-  EXPECT_EQ(Walks(tree.tree, &results), "c:1 m:0 m:1 m:3 x:2 | c m x m m");
-  const char* shapes[] = {"(c)m((m)x)", "(c)m(x)", "(c)x"};
-  for (int step = 0; step < 3; ++step) {
-    EXPECT_EQ(IdOf(FindKey(tree.tree, "m")), step * 2);
-    Rec* removed = tree.Delete("m");
-    EXPECT_EQ(IdOf(removed), step * 2);
-    EXPECT_EQ(Shape(tree), shapes[step]);
-    FreeRec(removed);
-  }
-}
-
-// A record without a greater child is replaced by its lesser subtree; else a
-// greater child without a lesser child takes its place; else the smallest
-// record of the greater subtree moves up.
-TEST(BintreeDelete, ReplacementRules) {
-  // keys, key to remove, shape after.
-  const std::tuple<const char*, const char*, const char*> cases[] = {
-      {"b a c", "b", "(a)c"},
-      {"b a c", "a", "b(c)"},
-      {"a d b c", "d", "a(b(c))"},
-      {"d b f a c e g", "d", "((a)b(c))e(f(g))"},
-      {"d b h f e eb g i", "d", "(b)e(((eb)f(g))h(i))"},
-      {"a d h f e g", "d", "a(e((f(g))h))"},
-      {"b a c", "B", "(a)b(c)"},
-      {"", "a", ""},
-  };
-  for (const auto& [keys, remove, shape] : cases) {
-    TestTree tree(0, keys);
-    Rec* removed = tree.Delete(remove);
-    if (removed != nullptr) {
-      EXPECT_STREQ(removed->key, remove);
-      FreeRec(removed);
-    }
-    EXPECT_EQ(Shape(tree), shape) << keys << " remove " << remove;
-  }
-  TestTree tree(0, "b a c");  // the removed record keeps its links; reinserting drops them
-  Rec* b = tree.Delete("b");
-  EXPECT_EQ(IdOf(b->lesser) * 10 + IdOf(b->greater), 12);
-  EXPECT_EQ(InsBintree(tree.tree, b), 0);
-  EXPECT_EQ(b->greater, b->lesser);
-  EXPECT_EQ(Shape(tree), "(a(b))c");
-}
-
-// A caller may free every record's text before destroying, and may pass no
-// release function.
-TEST(BintreeDestroy, NeedsNoKeysAndNoReleaseFunction) {
-  static std::string ids;
-  for (BintreeRelease release : {+[](void* record) { ids += std::to_string(IdOf(record)); },
-                                 static_cast<BintreeRelease>(nullptr)}) {
-    TestTree tree(0, "d b f a c e g");
-    WalkWildCardBintree(
-        tree.tree, [](void* r, void*, void*, void*, void*) { return (FreeRecText(r), 0); }, nullptr,
-        nullptr, nullptr, nullptr);
-    tree.Destroy(release);
-  }
-  EXPECT_EQ(ids, "0526143");  // d e f g b c a
-  DestroyBintree(nullptr, LogAndFreeText);
 }
 
 // The plain descent, straight from the rules: where each new key is linked.
