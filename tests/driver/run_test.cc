@@ -1,16 +1,26 @@
 #include "driver/run.h"
+#include "driver/config.h"
+#include "driver/input.h"
+#include "driver/output.h"
+#include "inventory/inventory.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <functional>
 #include <string>
 
 #include "support/handles.h"
-#include "testlib/testlib.h"
+#include "support/strings.h"
+#include "testlib/driver_fixtures.h"
+#include "testlib/inventory_fixtures.h"
 
 namespace {
 
@@ -93,6 +103,96 @@ TEST(FileCopy, CopiesEveryByteOrFailsAfterTheLockRetries) {
     EXPECT_EQ(LockedElsewhere(locked), result == 1);
   }
   file_copy_pause = Secs2Sleep;
+}
+
+// Every file a run writes is flushed, closed and checked: under a file size
+// limit of n bytes, n bytes are written and put in place; n+1 bytes fail at
+// Finish, leave nothing behind and the final name untouched.
+TEST(PendingOutput, FinishChecksEveryWriteUpToTheFileSizeLimit) {
+  wltest::TempDir dir;
+  const std::string name = dir / "out";
+  wltest::WriteFile(name, "old");
+  struct sigaction ignore {}, old_action {};
+  ignore.sa_handler = SIG_IGN;
+  ASSERT_EQ(sigaction(SIGXFSZ, &ignore, &old_action), 0);
+  rlimit old_limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old_limit), 0);
+  rlimit low = old_limit;
+  low.rlim_cur = 4096;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &low), 0);
+  for (size_t size : {4096, 4097}) {
+    SCOPED_TRACE(size);
+    {
+      PendingOutput out;
+      ASSERT_TRUE(out.Create(name));
+      std::fwrite(std::string(size, 'x').data(), 1, size, out.get());
+      errno = 0;
+      const bool finished = out.Finish();
+      EXPECT_EQ(finished, size == 4096);
+      EXPECT_EQ(errno, finished ? 0 : EFBIG);
+      EXPECT_EQ(out.Replace(name), finished);
+    }
+    EXPECT_EQ(wltest::ListDir(dir.path()), std::vector<std::string>{"out"});
+    EXPECT_EQ(wltest::ReadFile(name), std::string(4096, 'x'));  // the n+1 row keeps the n row's
+  }
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old_limit), 0);
+  ASSERT_EQ(sigaction(SIGXFSZ, &old_action, nullptr), 0);
+}
+
+int OpenDescriptors() { return static_cast<int>(wltest::ListDir("/proc/self/fd").size()); }
+
+// Every file the driver and the inventory open is released again, whether
+// the step succeeds or fails (inventories a run loads are released by
+// CloseLoadedInventories, which only tests and fuzz targets call).
+TEST(Handles, EveryStepReleasesWhatItOpens) {
+  wltest::TempDir dir;
+  wltest::ScopedCwd cwd(dir.path());
+  wltest::WriteFile("src", "content\n");
+  wltest::WriteFile("T-M-1.bom.data", "ModuleRootDir=/w\n/w;a;1;2; d; v;\n");
+  wltest::WriteFile("resp", "-lj j\n");
+  wltest::WriteFile("home/.weftlane/wlenvironment.properties", "A=1\n");
+  wltest::ScopedEnv home("HOME", dir / "home");
+  const std::pair<const char*, std::function<void()>> steps[] = {
+      {"file_copy", [] { EXPECT_EQ(file_copy("src", "dst"), 0); }},
+      {"file_copy of a missing file", [] { EXPECT_EQ(file_copy("missing", "dst"), 1); }},
+      {"file_copy onto a directory", [] { EXPECT_EQ(file_copy("src", "home"), 1); }},
+      {"LoadFileTree", [] {
+         wltest::ScopedFileTree tree;
+         LoadFileTree(tree.get(), "T-M-1.bom.data");
+         LoadFileTree(tree.get(), "missing");
+         CloseLoadedInventories();
+       }},
+      {"FindOldFileName", [] {
+         std::string buffer = "T-M-*";
+         FindOldFileName("T-M-2.bom.data", buffer, "/w");
+         EXPECT_EQ(buffer, "T-M-1.bom.data");
+       }},
+      {"LoadConfigEnv", [] {
+         ResetConfigEnv();
+         char* names = LoadConfigEnv();
+         safe_free(&names);
+         ResetConfigEnv();
+       }},
+      {"OpenInputFile", [] {
+         InputStatus status;
+         for (const char* name : {"resp", "missing", "home"})
+           OpenInputFile(name, status);
+       }},
+      {"PendingOutput left unfinished", [] {
+         PendingOutput out;
+         ASSERT_TRUE(out.Create("pending"));
+       }},
+  };
+  for (const auto& [what, step] : steps) {
+    const int before = OpenDescriptors();
+    {
+      wltest::CaptureStdout quiet;
+      step();
+    }
+    EXPECT_EQ(OpenDescriptors(), before) << what;
+  }
+  EXPECT_EQ(wltest::ListDir(dir.path()),
+            (std::vector<std::string>{"T-M-1.bom.data", "dst", "home", "resp", "src"}));
 }
 
 }  // namespace

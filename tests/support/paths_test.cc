@@ -134,9 +134,22 @@ TEST(Pwd, WorksBeyondFourKilobytes) {
 
 TEST(DateTime, LocalTimeMonthFirst) {
   const std::tuple<const char*, int64_t, const char*> cases[] = {
-      {"UTC", 1, "01/01/1970 00:00:01"},
+      // Up to 1 second the fixed text, in every zone; from 2 the local time.
+      {"EST5", 1, "01/01/1970 00:00:01"},
+      {"EST5", 2, "12/31/1969 19:00:02"},
+      {"WLT-3", 0, "01/01/1970 00:00:01"},
+      {"WLT-3", 2, "01/01/1970 03:00:02"},
       {"UTC", 1602666300, "10/14/2020 09:05:00"},
       {"EST5", 1602666300, "10/14/2020 04:05:00"},
+      // The last second of a year and the first of the next, per zone; a leap day.
+      {"UTC", 1609459199, "12/31/2020 23:59:59"},
+      {"UTC", 1609459200, "01/01/2021 00:00:00"},
+      {"WLT-3", 1609448399, "12/31/2020 23:59:59"},
+      {"WLT-3", 1609448400, "01/01/2021 00:00:00"},
+      {"EST5EDT,M3.2.0,M11.1.0", 1609477199, "12/31/2020 23:59:59"},
+      {"EST5EDT,M3.2.0,M11.1.0", 1609477200, "01/01/2021 00:00:00"},
+      {"EST5EDT,M3.2.0,M11.1.0", 1583038799, "02/29/2020 23:59:59"},
+      {"EST5EDT,M3.2.0,M11.1.0", 1583650800, "03/08/2020 03:00:00"},  // summer time begins
       // The last second the C library breaks down: tm_year is INT_MAX.
       {"UTC", 67768036191676799, "12/31/2147485547 23:59:59"},
       {"UTC", 67768036191676800, "01/01/1970 00:00:01"},
