@@ -42,11 +42,13 @@ std::string Slashed(const std::string& name) {
   return out;
 }
 
-// Makes the record of key `full` and links it into tree; null when the key is
-// already present (the new record is then released).
-FileNode* LinkRecord(Bintree* tree, const char* rootDir, const std::string& full) {
+// Makes the record of key `full` and links it into tree, the descent begun at
+// `hint` (see InsBintreeFrom); null when the key is already present (the new
+// record is then released).
+FileNode* LinkRecord(Bintree* tree, const char* rootDir, const std::string& full,
+                     BintreeNode* hint = nullptr) {
   FileNode* node = NewFileNode(full.c_str());
-  if (InsBintree(tree, node) != 0) {
+  if (InsBintreeFrom(tree, hint, node) != 0) {
     FreeFileNode(node);
     tfree(node);
     return nullptr;
@@ -76,7 +78,35 @@ struct Frame {
   // The status the previous entry left: a failed status query keeps it.
   mode_t mode = 0;
   bool lost = false;  // could not be opened again: the rest is skipped
+  // The topmost record of this directory's key range (keys beginning with
+  // its key text and "/"): every key recorded below this directory passes it
+  // on its way down from the root, so insertions start there instead of at
+  // the root. `hint_known` is false when the range's top could not be
+  // determined; the parent's hint, which holds for this range too, is used.
+  BintreeNode* hint = nullptr;
+  bool hint_known = false;
 };
+
+// The topmost record whose key begins with `prefix`, searched from `from`
+// (which must lie on the path of such keys; null: the root). Sets *found
+// false when the search is cut short.
+BintreeNode* RangeTop(Bintree* tree, BintreeNode* from, const std::string& prefix, bool* known) {
+  BintreeNode* node = from != nullptr ? from : tree->head->greater;
+  for (size_t steps = 0; node != nullptr; ++steps) {
+    if (steps == 4096) {
+      *known = false;
+      return nullptr;
+    }
+    const char* key = node->key != nullptr ? node->key : "";
+    if (std::strncmp(key, prefix.c_str(), prefix.size()) == 0)
+      break;
+    // Keys with the prefix form one contiguous run in byte order: all of
+    // them lie on the same side of any key outside it.
+    node = std::strcmp(prefix.c_str(), key) < 0 ? node->lesser : node->greater;
+  }
+  *known = true;
+  return node;
+}
 
 class Walk {
  public:
@@ -95,6 +125,7 @@ class Walk {
   mode_t Classify(Frame& frame, const Entry& entry);
   void RecordFile(Frame& frame, const Entry& entry);
   void EnterDirectory(Frame& frame, const Entry& entry);
+  BintreeNode* Hint() const;
 
   const char* root_;
   Bintree* tree_;
@@ -103,6 +134,15 @@ class Walk {
   std::string dir_;  // key text of the directory on top of the stack
   std::string full_;
 };
+
+// Where insertions for the top directory start: the nearest hint known on
+// the path.
+BintreeNode* Walk::Hint() const {
+  for (size_t i = stack_.size(); i-- > 0;)
+    if (stack_[i].hint != nullptr)
+      return stack_[i].hint;
+  return nullptr;
+}
 
 // openat that, when descriptors run out, waits for the digest workers to
 // close theirs and tries once more.
@@ -151,6 +191,7 @@ bool Walk::Push(int fd, const std::string& open_name, const std::string& key_par
   if (!stack_.empty())
     dir_.append("/").append(key_part);
   frame.key_length = dir_.size();
+  frame.hint = RangeTop(tree_, Hint(), dir_ + "/", &frame.hint_known);
   stack_.push_back(std::move(frame));
   if (stack_.size() > kOpenAncestors)
     stack_[stack_.size() - 1 - kOpenAncestors].fd.Reset();
@@ -225,9 +266,12 @@ void Walk::RecordFile(Frame& frame, const Entry& entry) {
   const bool plain_name = entry.name.find('\\') == std::string::npos;
   const std::string& name = plain_name ? entry.name : Slashed(entry.name);
   full_.assign(dir_).append("/").append(name);
-  FileNode* node = LinkRecord(tree_, root_, full_);
+  FileNode* node = LinkRecord(tree_, root_, full_, Hint());
   if (!node)
     return;
+  // The first record of an empty range is its top for good.
+  for (size_t i = stack_.size(); i-- > 0 && stack_[i].hint == nullptr && stack_[i].hint_known;)
+    stack_[i].hint = reinterpret_cast<BintreeNode*>(node);
   // FIFOs and devices are never opened: the record keeps its empty digest
   // and zero numbers, as when a file cannot be opened. A name with a
   // backslash is opened by its key (which names another path, or none).

@@ -390,7 +390,7 @@ BintreeNode* Lookup(Bintree* tree, const void* probe) {
 
 // Inserts without the full index; false when the descent ran out of budget
 // (nothing changed). *result is InsBintree's result otherwise.
-bool InsertPlain(Bintree* tree, BintreeNode* node, int* result) {
+bool InsertPlain(Bintree* tree, BintreeNode* hint, BintreeNode* node, int* result) {
   BintreeIndex* index = tree->index;
   if (!KnowEnds(tree)) {
     return false;
@@ -410,7 +410,7 @@ bool InsertPlain(Bintree* tree, BintreeNode* node, int* result) {
     link = &parent->lesser;
   } else {
     parent = tree->head;
-    BintreeNode* at = Root(tree);
+    BintreeNode* at = hint != nullptr ? hint : Root(tree);
     link = &tree->head->greater;
     for (size_t steps = 0; at != nullptr; ++steps) {
       if (steps == kDescentBudget) {
@@ -549,7 +549,9 @@ void* InitBintreeNode(int16_t size) {
   return tmalloc(bytes);
 }
 
-int InsBintree(Bintree* tree, void* record) {
+int InsBintree(Bintree* tree, void* record) { return InsBintreeFrom(tree, nullptr, record); }
+
+int InsBintreeFrom(Bintree* tree, void* hint, void* record) {
   if (tree == nullptr || record == nullptr) {
     return -1;
   }
@@ -560,7 +562,7 @@ int InsBintree(Bintree* tree, void* record) {
   }
   if (!index->deep) {
     int result = -1;
-    if (InsertPlain(tree, node, &result)) {
+    if (InsertPlain(tree, Node(hint), node, &result)) {
       return result;
     }
     GoDeep(tree);

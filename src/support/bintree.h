@@ -85,6 +85,13 @@ void* InitBintreeNode(int16_t size);
 // record handed back by DelBintree still carries its old ones.
 int InsBintree(Bintree* tree, void* record);
 
+// InsBintree with the descent begun at `hint` instead of the root: same
+// result, same links. `hint` must be a linked record that lies on the path
+// the plain descent from the root takes for this record's key (for example
+// the topmost record of a key range that holds the new key); null means the
+// root.
+int InsBintreeFrom(Bintree* tree, void* hint, void* record);
+
 // The first record on the search path from the root whose key compares equal
 // to the probe's (with duplicates, the earliest of the equal ones in walk
 // order, which is the one nearest the root), or null.
