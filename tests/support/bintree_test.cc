@@ -233,6 +233,18 @@ TEST(BintreeReference, SameLinksAsThePlainDescent) {
   }
 }
 
+// A descent begun at a record on the path links where the plain one does.
+TEST(BintreeInsert, FromARecordOnThePath) {
+  TestTree tree(0, "m c x");
+  void* c = FindKey(tree.tree, "c");
+  for (const char* key : {"a", "e", "d", "e"}) {
+    Rec* rec = NewRec(key, 9);
+    if (InsBintreeFrom(tree.tree, c, rec) != 0)
+      FreeRec(rec);
+  }
+  EXPECT_EQ(Shape(tree), "((a)c((d)e))m(x)");
+}
+
 // One million records in ascending order form a chain of that depth.
 TEST(BintreeChain, MillionSortedKeys) {
   constexpr int kChain = 1000000;
