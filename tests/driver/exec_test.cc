@@ -73,7 +73,7 @@ TEST(Wlfprintf, ReportsAFailedWriteOnStandardError) {
   wltest::WriteFile(dir / "in", "");
   FILE* f = std::fopen((dir / "in").c_str(), "r");
   ASSERT_NE(f, nullptr);
-  drivertest::CaptureStderr err;
+  wltest::CaptureStdout err(2);
   wltest::CaptureStdout out;
   EXPECT_LT(wlfprintf("here.cc", 12, f, "%s\n", "text"), 0);
   EXPECT_EQ(err.Take(), "ERROR 65: (here.cc,12): Bad file descriptor\n");

@@ -1,11 +1,8 @@
 #pragma once
 // Fixtures shared by the driver unit tests and the driver end-to-end tests.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -63,31 +60,6 @@ class Argv {
  private:
   std::vector<std::string> storage_;
   std::vector<char*> ptrs_;
-};
-
-// Captures standard error (fd 2) until Take().
-class CaptureStderr {
- public:
-  CaptureStderr() : saved_((std::fflush(stderr), dup(2))) {
-    int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~CaptureStderr() { Take(); }
-  std::string Take() {
-    if (saved_ >= 0) {
-      std::fflush(stderr);
-      dup2(saved_, 2);
-      close(saved_);
-      saved_ = -1;
-    }
-    return wltest::ReadFile(file_).value_or("");
-  }
-
- private:
-  wltest::TempDir dir_;
-  std::string file_ = dir_ / "stderr";
-  int saved_;
 };
 
 // Settings and the configuration table start fresh for every test and are

@@ -1,6 +1,5 @@
 #include "testlib/testlib.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -13,7 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -21,43 +20,14 @@
 #include <gtest/gtest.h>
 
 namespace wltest {
-namespace {
-
-void RemoveTree(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    chmod(path.c_str(), 0700);
-    if (DIR* d = opendir(path.c_str())) {
-      std::vector<std::string> names;
-      while (dirent* e = readdir(d)) {
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-      }
-      closedir(d);
-      for (const auto& n : names) RemoveTree(path + "/" + n);
-    }
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
-}
-
-std::string CurrentDir() {
-  char* cwd = getcwd(nullptr, 0);
-  std::string s = cwd ? cwd : "";
-  std::free(cwd);
-  return s;
-}
-
-}  // namespace
+namespace fs = std::filesystem;
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
   std::string tmpl = std::string(base && *base ? base : "/tmp") + "/wltest-XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = buf.data();
+  if (!mkdtemp(tmpl.data()))
+    throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
 }
 
 TempDir::~TempDir() {
@@ -66,49 +36,50 @@ TempDir::~TempDir() {
     std::fprintf(stderr, "kept test directory %s\n", path_.c_str());
     return;
   }
-  RemoveTree(path_);
+  // Tests may leave directories unreadable; open them up on the way down.
+  std::error_code ec;
+  chmod(path_.c_str(), 0700);
+  for (auto it = fs::recursive_directory_iterator(path_, ec); !ec && it != fs::end(it); it.increment(ec))
+    if (it->is_directory(ec) && !it->is_symlink(ec))
+      chmod(it->path().c_str(), 0700);
+  fs::remove_all(path_, ec);
 }
 
 ScopedEnv::ScopedEnv(const std::string& name, std::optional<std::string> value) : name_(name) {
-  if (const char* v = std::getenv(name.c_str())) old_ = v;
-  if (value) {
-    setenv(name.c_str(), value->c_str(), 1);
-  } else {
-    unsetenv(name.c_str());
-  }
+  if (const char* v = std::getenv(name.c_str()))
+    old_ = v;
+  value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
 }
 
-ScopedEnv::~ScopedEnv() {
-  if (old_) {
-    setenv(name_.c_str(), old_->c_str(), 1);
-  } else {
-    unsetenv(name_.c_str());
-  }
-}
+ScopedEnv::~ScopedEnv() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
 
-ScopedCwd::ScopedCwd(const std::string& dir) : old_(CurrentDir()) {
-  if (chdir(dir.c_str()) != 0) throw std::runtime_error("chdir " + dir);
+ScopedCwd::ScopedCwd(const std::string& dir) : old_(fs::current_path().string()) {
+  if (chdir(dir.c_str()) != 0)
+    throw std::runtime_error("chdir " + dir);
 }
 
 ScopedCwd::~ScopedCwd() {
-  if (chdir(old_.c_str()) != 0) std::perror("chdir back");
+  if (chdir(old_.c_str()) != 0)
+    std::perror("chdir back");
 }
 
-CaptureStdout::CaptureStdout() {
-  std::fflush(stdout);
+CaptureStdout::CaptureStdout(int fd) : fd_(fd) {
+  std::fflush(nullptr);
   char tmpl[] = "/tmp/wlcapture-XXXXXX";
-  int fd = mkstemp(tmpl);
-  if (fd < 0) throw std::runtime_error("mkstemp failed");
+  int file = mkstemp(tmpl);
+  if (file < 0)
+    throw std::runtime_error("mkstemp failed");
   file_ = tmpl;
-  saved_fd_ = dup(1);
-  dup2(fd, 1);
-  close(fd);
+  saved_fd_ = dup(fd_);
+  dup2(file, fd_);
+  close(file);
 }
 
 std::string CaptureStdout::Take() {
-  if (done_) return {};
-  std::fflush(stdout);
-  dup2(saved_fd_, 1);
+  if (done_)
+    return {};
+  std::fflush(nullptr);
+  dup2(saved_fd_, fd_);
   close(saved_fd_);
   done_ = true;
   std::string out = ReadFile(file_).value_or("");
@@ -119,31 +90,23 @@ std::string CaptureStdout::Take() {
 CaptureStdout::~CaptureStdout() { Take(); }
 
 void MakeDirs(const std::string& path) {
-  std::string cur;
-  std::stringstream ss(path);
-  std::string part;
-  if (!path.empty() && path[0] == '/') cur = "";
-  size_t pos = 0;
-  while (pos <= path.size()) {
-    size_t next = path.find('/', pos);
-    if (next == std::string::npos) next = path.size();
-    cur = path.substr(0, next);
-    if (!cur.empty()) mkdir(cur.c_str(), 0755);
-    pos = next + 1;
-  }
+  std::error_code ec;
+  fs::create_directories(path, ec);
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
-  auto slash = path.rfind('/');
-  if (slash != std::string::npos && slash > 0) MakeDirs(path.substr(0, slash));
+  if (size_t slash = path.rfind('/'); slash != std::string::npos && slash > 0)
+    MakeDirs(path.substr(0, slash));
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  if (!f) throw std::runtime_error("cannot write " + path);
+  if (!f)
+    throw std::runtime_error("cannot write " + path);
   f.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 std::optional<std::string> ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  if (!f) return std::nullopt;
+  if (!f)
+    return std::nullopt;
   std::ostringstream ss;
   ss << f.rdbuf();
   return ss.str();
@@ -151,12 +114,9 @@ std::optional<std::string> ReadFile(const std::string& path) {
 
 std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
-  if (DIR* d = opendir(path.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-    }
-    closedir(d);
-  }
+  std::error_code ec;
+  for (auto it = fs::directory_iterator(path, ec); !ec && it != fs::end(it); it.increment(ec))
+    names.push_back(it->path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -48,18 +48,18 @@ class ScopedCwd {
   std::string old_;
 };
 
-// Captures everything written to standard output (fd 1, stdio flushed)
-// between construction and Take().
+// Captures everything written to standard output (or to the descriptor
+// given, such as 2), stdio flushed, between construction and Take().
 class CaptureStdout {
  public:
-  CaptureStdout();
+  explicit CaptureStdout(int fd = 1);
   ~CaptureStdout();
   CaptureStdout(const CaptureStdout&) = delete;
   CaptureStdout& operator=(const CaptureStdout&) = delete;
   std::string Take();  // stops capturing and returns what was written
 
  private:
-  int saved_fd_ = -1;
+  int fd_, saved_fd_ = -1;
   std::string file_;
   bool done_ = false;
 };
