@@ -99,12 +99,17 @@ TEST_F(SoapTest, StreamBytesOnTheWire) {
 // A parser nobody here wrote, with namespaces on, accepts the document with
 // markup in its texts once the open elements are closed.
 TEST_F(SoapTest, DocumentIsWellFormed) {
+  myTaskName = "tricky <&> job";
+  // Markup characters are escaped, quotes need not be in element text.
+  const std::string doc = LogMessageDocument(1, "\"'x&y", "<s>", "e", "m", "01/01/1970 00:00:01");
+  for (const std::string& element : {El("BuildJobName", 0, "string", "tricky &lt;&amp;&gt; job"),
+                                     El("DetailGroup", 14, "string", "\"'x&amp;y"),
+                                     El("Source", 7, "string", "&lt;s&gt;")})
+    EXPECT_NE(doc.find(element), std::string::npos) << element << "\n" << doc;
   if (!HavePython())
     GTEST_SKIP() << "python3 is not available";
   TempDir dir;
-  myTaskName = "tricky <&> job";
-  WriteFile(dir / "doc.xml", LogMessageDocument(1, "x&y", "<s>", "e", "m", "01/01/1970 00:00:01") +
-                                 "text</Message></SOAP-ENV:Body></SOAP-ENV:Envelope>");
+  WriteFile(dir / "doc.xml", doc + "text</Message></SOAP-ENV:Body></SOAP-ENV:Envelope>");
   auto r = RunProgram({"/bin/sh", "-c", "exec python3 -c \"$0\" \"$1\"",
                        "import sys, xml.dom.minidom as m\n"
                        "d = m.parse(sys.argv[1]); e = d.documentElement; t = lambda n: "
@@ -113,7 +118,7 @@ TEST_F(SoapTest, DocumentIsWellFormed) {
                        "t('Source'), len(d.getElementsByTagName('*')))",
                        dir / "doc.xml"},
                       {{"PATH", "/usr/local/bin:/usr/bin:/bin"}}, dir.path(), 60);
-  EXPECT_EQ(r.out, "http://schemas.xmlsoap.org/soap/envelope/ Envelope tricky <&> job x&y <s> 16\n")
+  EXPECT_EQ(r.out, "http://schemas.xmlsoap.org/soap/envelope/ Envelope tricky <&> job \"'x&y <s> 16\n")
       << r.err;
 }
 
