@@ -136,6 +136,9 @@ TEST(FindOldFileName, Rules) {
   const std::string h = "SCMType=NONE\nModuleRootDir=/w\nMachineName=M\nBuildLabel=\n";
   const std::string binary = std::string(1 << 20, '\xe9') + std::string(9, '\0') + "\n" +
                              std::string(3 << 20, 'x') + "\n" + h;  // and endless lines
+  // Header lines are read in pieces of 1023 bytes: a root line of 1023 bytes
+  // matches, one of 1024 does not.
+  const std::string w1009 = "/" + std::string(1008, 'w'), w1010 = w1009 + "w";
   // Each row: the files (all with the same content; "name/" is a directory),
   // their content, WorkDir, the pattern and the name chosen.
   const struct {
@@ -158,6 +161,8 @@ TEST(FindOldFileName, Rules) {
       {{"T-M-1.bom.data"}, "a MachineName\n" + h, "/w", "T-M-*", ""},
       {{"T-M-9.bom.data/", "T-M-1.bom.data"}, h, "/w", "T-M-*", "T-M-1.bom.data"},
       {{"T-M-1.bom.data", "T-M-2.bom.data"}, binary, "/w", "T-M-*", "T-M-2.bom.data"},
+      {{"T-M-1.bom.data"}, "ModuleRootDir=" + w1009 + "\n", w1009.c_str(), "T-M-*", "T-M-1.bom.data"},
+      {{"T-M-1.bom.data"}, "ModuleRootDir=" + w1010 + "\n", w1010.c_str(), "T-M-*", ""},
       // clang-format on
   };
   for (const auto& c : cases) {
