@@ -203,6 +203,24 @@ TEST(HTTPPost, RequestFromTheFile) {
   EXPECT_EQ(Get(dir / "fifo"), "<null>|");
 }
 
+// Reading and refusing files release every descriptor they took; a posted
+// file is deliberately left open (one descriptor per post, as ever).
+TEST(Handles, GetAndPostReleaseWhatTheyOpen) {
+  TempDir dir;
+  WriteFile(dir / "deps.txt", "a\n");
+  const size_t before = ListDir("/proc/self/fd").size();
+  EXPECT_EQ(Get(dir / "deps.txt"), "a\n|");
+  EXPECT_EQ(Get(dir / "missing"), "<null>|");
+  for (const std::string& file : {dir / "missing", dir / "deps.txt"}) {
+    CaptureStdout quiet;
+    Wire("/svc", "a\n\n", [&](const std::string& url) {
+      std::string err;
+      HTTPPost(err, url.c_str(), file.c_str());
+    });
+  }
+  EXPECT_EQ(ListDir("/proc/self/fd").size(), before + 1);
+}
+
 // Every library facility gives up on a server that takes the request and
 // never answers within the configured bound, naming the wait and the server.
 TEST(Facilities, SilentServerTimesOut) {
