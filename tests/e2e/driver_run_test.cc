@@ -187,18 +187,4 @@ TEST_F(DriverRun, OutputNameTakenByADirectory) {
   }
 }
 
-TEST_F(DriverRun, PerFileGroupAsksOncePerDirectory) {
-  // A fake per-file client on PATH logs where it ran.
-  const std::string tree = MadeReal(dir_ / "tree"), bin = dir_ / "bin";
-  wltest::WriteFile(tree + "/a.c", "a\n");
-  wltest::WriteFile(tree + "/sub/c.c", "c\n");
-  wltest::WriteScript(bin, "p4", "echo \"$PWD $*\" >> '" + dir_.path() + "/p4.log'\n");
-  auto r = Run(JobArgs({"-b", tree, "-c", "perforce"}), kServer, bin + ":/usr/bin:/bin");
-  EXPECT_EQ(r.status, 0);
-  const std::string query = "Executing: p4 filelog -t -L \"*\" 2>&1 in dir " + tree;
-  EXPECT_NE(r.out.find(query + "/\n" + query + "/sub/\n" + kStages), std::string::npos) << r.out;
-  EXPECT_EQ(wltest::ReadFile(dir_ / "p4.log"),
-            tree + " filelog -t -L *\n" + tree + "/sub filelog -t -L *\n");
-}
-
 }  // namespace
