@@ -62,11 +62,17 @@ void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
     space_.wait(lock, [this] { return in_flight_ < kMaxQueued; });
     queue_.push_back({fd.Release(), node});
     ++in_flight_;
+    // Waking a worker per file costs more than digesting a small one: wake
+    // one when files have piled up (a busy worker comes back for more by
+    // itself), and everyone in Finish().
+    if (queue_.size() % kWakeEvery != 0)
+      return;
   }
   work_.notify_one();
 }
 
 void DigestWorkers::Finish() {
+  work_.notify_all();
   std::unique_lock<std::mutex> lock(mutex_);
   space_.wait(lock, [this] { return in_flight_ == 0; });
 }

@@ -48,6 +48,9 @@ class DigestWorkers {
 
   // Files in flight at most; each holds a descriptor.
   static constexpr size_t kMaxQueued = 64;
+  // Queued files per wake-up of an idle worker (a divisor of kMaxQueued, so
+  // that a full queue has always woken one).
+  static constexpr size_t kWakeEvery = 8;
 
  private:
   struct Job {
