@@ -68,7 +68,7 @@ std::string Format(const char* format, ...) {
 }
 
 // A setting as printf shows it: an unset one reads "(null)".
-const char* Text(const char* s) { return s ? s : "(null)"; }
+const char* OrNullMark(const char* s) { return s ? s : "(null)"; }
 
 std::string CurrentDirectory(const std::string& fallback) {
   char* cwd = getcwd(nullptr, 0);
@@ -85,8 +85,8 @@ std::string NumberedName(const char* suffix) {
   int counter = 1;
   std::string name;
   for (;;) {
-    name = Format("%s-%s-%s-%-2.2d-%s", Text(TaskName), Text(MachineLabel), Text(JobDateTime),
-                  counter, suffix);
+    name = Format("%s-%s-%s-%-2.2d-%s", OrNullMark(TaskName), OrNullMark(MachineLabel),
+                  OrNullMark(JobDateTime), counter, suffix);
     int64_t size;
     uint64_t mtime;
     if (!FileStat(name.c_str(), &size, &mtime))
@@ -193,9 +193,12 @@ bool DirectoryInTheWay(const std::string& name) {
 // Where the reports go and the job fields that travel with them: the one
 // place the run's settings are handed to the upload.
 UploadTarget RunUploadTarget() {
-  auto text = [](const char* value) { return std::string(value ? value : ""); };
-  return {LogURL,          text(TaskName),       text(LogOwner),
-          text(MachineLabel), text(PublicBuildJob), text(JobDateTime)};
+  return {LogURL,
+          OrEmpty(TaskName),
+          OrEmpty(LogOwner),
+          OrEmpty(MachineLabel),
+          OrEmpty(PublicBuildJob),
+          OrEmpty(JobDateTime)};
 }
 
 // The names of one run's outputs in the start directory.
@@ -207,13 +210,13 @@ OutputNames PlanOutputs() {
   OutputNames names;
   // The two counters are independent: a run may write report 03 beside
   // inventory 01.
-  names.report_copy =
-      Format("%s-%s-%s-diff.data", Text(TaskName), Text(MachineLabel), Text(JobDateTime));
+  names.report_copy = Format("%s-%s-%s-diff.data", OrNullMark(TaskName), OrNullMark(MachineLabel),
+                             OrNullMark(JobDateTime));
   names.report = NumberedName("diff.data");
-  names.inventory_copy =
-      Format("%s-%s-%s-bom.data", Text(TaskName), Text(MachineLabel), Text(JobDateTime));
+  names.inventory_copy = Format("%s-%s-%s-bom.data", OrNullMark(TaskName), OrNullMark(MachineLabel),
+                                OrNullMark(JobDateTime));
   names.inventory = NumberedName("bom.data");
-  names.old = Format("%s-%s-*-bom.data", Text(TaskName), Text(MachineLabel));
+  names.old = Format("%s-%s-*-bom.data", OrNullMark(TaskName), OrNullMark(MachineLabel));
   FindOldFileName(names.inventory.c_str(), names.old, WorkDir);
   return names;
 }

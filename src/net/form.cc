@@ -2,12 +2,6 @@
 
 #include "support/strings.h"
 
-namespace {
-
-const char* OrEmpty(const char* text) { return text ? text : ""; }
-
-}  // namespace
-
 std::string FormEncoded(const char* text) {
   std::string out;
   for (const char* p = OrEmpty(text); *p; ++p) {

@@ -25,8 +25,6 @@ namespace {
 constexpr char kFileNameBase[] = "D:\\tmp\\";
 constexpr char kRuleLine[] = "<HR SIZE=1 WIDTH=30% ALIGN=LEFT>\r\n";
 
-const char* OrEmpty(const char* text) { return text ? text : ""; }
-
 bool IsPublic(const std::string& flag) { return IsEqual(flag.c_str(), "true", 0) != 0; }
 
 // Detail texts that open with one of these get the rule line before them.

@@ -20,8 +20,6 @@ constexpr int32_t kFooterAnswerLine = 1024;
 // Room the answer lines of HTTPPostSoap2 get beyond the document's length.
 constexpr size_t kAnswerLineAllowance = 20;
 
-const char* OrEmpty(const char* text) { return text ? text : ""; }
-
 bool Posting() { return myLogType == 2 || myLogType == 3; }
 
 std::string Escaped(const char* text) {

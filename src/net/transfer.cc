@@ -19,8 +19,6 @@ constexpr int32_t kAnswerLine = 2048;
 constexpr char kNotFoundPage[] = "<head><title>Not Found (404)";
 constexpr size_t kNotFoundCompared = 25;
 
-const char* OrEmpty(const char* text) { return text ? text : ""; }
-
 // The text up to its first NUL.
 void AppendText(std::string& out, const char* text) { out.append(text, std::strlen(text)); }
 

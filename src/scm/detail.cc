@@ -25,11 +25,11 @@ struct DetailValues {
 
 DetailValues ValuesOf(const FileNode* newNode, const FileNode* oldNode) {
   DetailValues v;
-  v.path = Text(newNode->path);
-  v.name = Text(newNode->name);
-  v.version = Text(newNode->version);
-  v.old_name = oldNode ? Text(oldNode->name) : "";
-  v.old_version = oldNode ? Text(oldNode->version) : "";
+  v.path = OrEmpty(newNode->path);
+  v.name = OrEmpty(newNode->name);
+  v.version = OrEmpty(newNode->version);
+  v.old_name = oldNode ? OrEmpty(oldNode->name) : "";
+  v.old_version = oldNode ? OrEmpty(oldNode->version) : "";
   std::string drive, dir_part;
   SplitPath(v.path.c_str(), drive, dir_part, v.base, v.ext);
   v.own_dir = DirectoryOf(v.path.c_str());

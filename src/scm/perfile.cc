@@ -48,7 +48,7 @@ std::string CutAt(const std::string& text, const char* stop) {
 }
 
 int QueryVss(const ScmSession& scm, FileNode* node) {
-  std::string path = Text(node->path);
+  std::string path = OrEmpty(node->path);
   ReplaceSlash2(path, '\\');
   ClientCommand cmd = FormCommand(kVssQueryCmd, {Operand(path)});
   PrintExecuting(cmd.shown);
@@ -97,7 +97,7 @@ int QueryPerforce(const ScmSession& scm, FileNode* node, const std::string& dir)
       in_file = true;
       std::string drive, sub_dir, name, ext;
       SplitPath(From(line, 8).c_str(), drive, sub_dir, name, ext);
-      key = std::string(Text(node->dir)) + "/" + sub_dir + name + ext;
+      key = std::string(OrEmpty(node->dir)) + "/" + sub_dir + name + ext;
       ReplaceSlash2(key, '/');
     } else if (in_file && HasPrefix(line, "... #")) {
       // Only the newest revision line after each depot path counts.
@@ -165,9 +165,9 @@ int LoadVersionInfo(void* record, uint32_t /*level*/, void* arg) {
   if (node == nullptr || arg == nullptr)
     return 0;
   const auto& scm = *static_cast<const ScmSession*>(arg);
-  if (*Text(node->version) != '\0')
+  if (*OrEmpty(node->version) != '\0')
     return 0;
-  std::string dir = DirectoryOf(Text(node->path));
+  std::string dir = DirectoryOf(OrEmpty(node->path));
   switch (scm.type) {
     case kScmVss:
       return QueryVss(scm, node);

@@ -157,8 +157,6 @@ std::string DirectoryOf(const char* path);
 std::array<int, 6> SixNumbers(const std::string& text, const char* separators);
 // Seconds since the epoch of a local wall-clock time, daylight saving off.
 int64_t LocalTime(int year, int month, int day, int hour, int minute, int second);
-// A record text, "" for null.
-inline const char* Text(const char* s) { return s ? s : ""; }
 
 // --- Progress and failure lines (standard output) ---
 

@@ -22,6 +22,9 @@
 // 0xC1-0xDA, which map to the byte plus 0x20.
 extern const unsigned char charmap[256];
 
+// text, or "" for a null pointer.
+inline const char* OrEmpty(const char* text) { return text ? text : ""; }
+
 // Upper-/lower-case every byte in place with toupper/tolower. Return text.
 char* StrUpr(char* text);
 char* StrLwr(char* text);

@@ -74,7 +74,7 @@ FakeClients::FakeClients(const TempDir& dir)
       out_(dir / "fakeout"),
       log_(dir / "fake.log"),
       argv_(dir / "fake.argv"),
-      path_("PATH", bin_ + ":" + Text(std::getenv("PATH"))) {
+      path_("PATH", bin_ + ":" + OrEmpty(std::getenv("PATH"))) {
   MakeDirs(bin_);
   MakeDirs(out_);
   WriteFile(log_, "");
