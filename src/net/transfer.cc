@@ -9,6 +9,7 @@
 #include "net/soap.h"
 #include "net/transport.h"
 #include "net/upload.h"
+#include "support/handles.h"
 #include "support/strings.h"
 
 namespace {
@@ -151,6 +152,8 @@ int HTTPPost(std::string& err, const char* url, const char* path) {
     }
     WLCleanUp(fd);
   }
-  // The file is deliberately left open, as the old client left it.
+  // The posted file stays open until the process ends, as the old client
+  // left it.
+  HoldUntilExit(UniqueFile(file));
   return 0;
 }

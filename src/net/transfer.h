@@ -39,8 +39,9 @@ char* HTTPGet(std::string& err, const char* source);
 // "\n\n". The stated Content-Length is the sum of the stripped lengths + 1.
 // The answer is read to its end and dropped. The connection's failure is
 // not looked at (sends then fail silently; err says why); on a made
-// connection a wait that ran out or a lost connection is named in err. The file stays open after a
-// send, as in the old client.
+// connection a wait that ran out or a lost connection is named in err. The
+// file stays open until the process ends (HoldUntilExit), as in the old
+// client.
 // Result: 0 after sending; 7 when the file cannot be opened, after printing
 // "ERROR 11: Could not read dependency file <path>" on standard output (the
 // connection is then closed unused). A file that is not a regular file of at

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "net/answer.h"
+#include "support/handles.h"
 
 struct hostent* h = nullptr;
 int DoneGetHostByName = 0;
@@ -243,7 +244,10 @@ int tcp_connect(std::string& err, const char* url, std::string& host, std::strin
     return -1;
   }
   if (connected < 0) {
-    // The descriptor is left open here, as the old client did.
+    // The unconnected descriptor stays open until the process ends, as the
+    // old client left it.
+    if (fd >= 0)
+      HoldUntilExit(UniqueFd(fd));
     err = std::string("ERROR 401: Could not connect to ") + inet_ntoa(address) + " on port " +
           std::to_string(port_number) + "\n";
     return -1;

@@ -109,8 +109,8 @@ bool SplitConnectUrl(const char* url, std::string& host, std::string& port, std:
 //   - The host is looked up by name, then as a dotted quad; when both fail,
 //     err = "ERROR 408: Invalid host name\n", -1.
 //   - A failed connect gives err = "ERROR 401: Could not connect to <a.b.c.d>
-//     on port <n>\n" and -1; the unconnected descriptor is deliberately left
-//     open (the old client did so).
+//     on port <n>\n" and -1; the unconnected descriptor is kept open
+//     until the process ends (HoldUntilExit), as the old client left it.
 //   - A connect that outlasts the network timeout gives err = "ERROR 410:
 //     Timed out after <n> s connecting to <a.b.c.d> on port <n>\n" and -1;
 //     the descriptor is closed.

@@ -62,9 +62,10 @@ class ScopedChdir {
 };
 
 // Handles kept open until the process ends, for the few that are held on
-// purpose (an inventory that was read, a lock given up on): they are released
-// with the other static objects at exit. The list of one handle type can be
-// cleared early by a process that must not accumulate them.
+// purpose (an inventory that was read, a lock given up on, a posted file, a
+// socket whose connect failed): they are released with the other static
+// objects at exit. The list of one handle type can be cleared early by a
+// process that must not accumulate them.
 template <class Handle>
 std::vector<Handle>& HeldUntilExit() {
   static std::vector<Handle> held;
