@@ -3,17 +3,21 @@
 // complete under its final name or not there at all.
 //
 // To add a fault, add a row to kFaults: a name, how to set it up in the
-// fixture (files, FIFOs, fake clients on bin, extra arguments, a prefix
-// program such as prlimit), and what must hold after the run.
+// fixture (files, FIFOs, fake clients on bin, extra arguments or settings,
+// a loopback server, a prefix program such as prlimit), and what must hold
+// after the run.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "testlib/net_fixtures.h"
 #include "testlib/testlib.h"
 
 namespace {
@@ -45,8 +49,9 @@ class World {
     argv.push_back(WL_BINARY);
     for (const std::string& a : Args())
       argv.push_back(a);
-    return wltest::RunProgram(argv, wltest::ToolEnv(home_, server_, bin_ + ":/usr/bin:/bin"),
-                              start_, 30);
+    auto env = wltest::ToolEnv(home_, server_, bin_ + ":/usr/bin:/bin");
+    env.insert(env_.begin(), env_.end());
+    return wltest::RunProgram(argv, env, start_, 30);
   }
 
   // The outputs under their final names in the start directory.
@@ -73,6 +78,8 @@ class World {
               bin_ = dir_ / "bin";
   std::string server_ = "http://127.0.0.1:1";
   std::vector<std::string> lead_args_, extra_args_, prefix_;
+  std::map<std::string, std::string> env_;
+  std::optional<wltest::LoopbackListener> server_at_;  // serves both uploads
 };
 
 struct Fault {
@@ -97,6 +104,31 @@ std::string Fifo(const std::string& path) {
 
 bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+// Uploads go to a loopback server whose connections `handler` serves.
+void Serve(World& f, wltest::LoopbackListener::Handler handler) {
+  f.server_at_.emplace(std::move(handler), 2);
+  f.server_ = f.server_at_->Url();
+}
+
+// Both uploads, each ended by `error` (WHAT standing for the report's
+// transfer copy), and the run completed.
+void ExpectUploadErrors(const World& f, const wltest::RunResult& r, const std::string& error) {
+  std::string expected;
+  for (const char* kind : {"bom.data", "diff.data"}) {
+    std::string e = error + "\n";
+    e.replace(e.find("WHAT"), 4, kStem + std::string(kind));
+    expected += "Uploading Report Data " + std::string(kStem) + kind + "\nLogUrl=" + f.server_ +
+                "/LogUpload\n" + e + "\n";
+  }
+  EXPECT_TRUE(Has(r.out, expected + "Complete\n")) << r.out;
+  EXPECT_EQ(f.Outputs().size(), 2u);
+}
+
+// The server as the ERROR lines name it.
+std::string Server(const World& f) {
+  return "127.0.0.1 on port " + std::to_string(f.server_at_->port);
 }
 
 const Fault kFaults[] = {
@@ -171,6 +203,65 @@ const Fault kFaults[] = {
        std::string both = wltest::ReadFile(f.start_ + "/" + s + "01-bom.data").value_or("") +
                           wltest::ReadFile(f.start_ + "/" + s + "02-bom.data").value_or("");
        EXPECT_TRUE(Has(both, ";a.c;") && Has(both, ";other.c;")) << both;
+     }},
+    {"a server that takes each upload and never answers (bound from the home property file)",
+     [](World& f) {
+       Serve(f, wltest::Answer("", true));
+       wltest::WriteFile(f.home_ + "/.weftlane/wlenvironment.properties", "WEFTLANE_TIMEOUT=1\n");
+     },
+     0,
+     [](World& f, const wltest::RunResult& r) {
+       ExpectUploadErrors(
+           f, r, "ERROR 410: Timed out after 1 s waiting for the answer to WHAT from " + Server(f));
+     }},
+    {"a server that trickles its answer a byte at a time",
+     [](World& f) {
+       Serve(f, wltest::Trickle());
+       f.env_["WEFTLANE_TIMEOUT"] = "2";
+     },
+     0,
+     [](World& f, const wltest::RunResult& r) {
+       ExpectUploadErrors(
+           f, r, "ERROR 410: Timed out after 2 s waiting for the answer to WHAT from " + Server(f));
+     }},
+    {"a server that resets the connection instead of answering",
+     [](World& f) {
+       Serve(f, [](wltest::ServerConn& c) {
+         c.ReadRequest();
+         linger abort_on_close{1, 0};
+         setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
+       });
+       f.env_["WEFTLANE_TIMEOUT"] = "1";
+     },
+     0,
+     [](World& f, const wltest::RunResult& r) {
+       ExpectUploadErrors(f, r, "ERROR 411: Connection to " + Server(f) +
+                                    " lost while reading the answer to WHAT: Connection reset by "
+                                    "peer");
+     }},
+    {"an svn client that sleeps is stopped at its bound; the run completes with what it printed",
+     [](World& f) {
+       wltest::WriteScript(f.bin_, "svn",
+                           "printf 'Path: a.c\\nRevision: 7\\nNode Kind: file\\n'\n"
+                           "sleep 60 & wait\n");
+       f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "1";
+       f.extra_args_ = {"-c", "SVN"};
+     },
+     0,
+     [](World& f, const wltest::RunResult& r) {
+       EXPECT_TRUE(Has(r.out, "Executing: svn info -R 2>&1\nStopped after 1 seconds: svn info -R "
+                              "2>&1\n"))
+           << r.out;
+       const std::string bom =
+           wltest::ReadFile(f.start_ + "/" + kStem + "01-bom.data").value_or("");
+       const std::string diff =
+           wltest::ReadFile(f.start_ + "/" + kStem + "01-diff.data").value_or("");
+       EXPECT_TRUE(Has(bom, "\n" + f.build_ + ";a.c;3;") && Has(bom, "; 7;\n") &&
+                   Has(bom, "\n" + f.build_ + ";sub/b.c;3000;"))
+           << bom;
+       EXPECT_TRUE(Has(diff, "\nA;" + f.build_ + ";a.c;") &&
+                   Has(diff, "\nA;" + f.build_ + ";sub/b.c;"))
+           << diff;
      }},
     {"a run killed while it writes the report leaves no output under a final name",
      [](World& f) {

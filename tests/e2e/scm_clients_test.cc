@@ -180,30 +180,4 @@ TEST_F(ScmClients, CvsRepositoryLog) {
     EXPECT_NE(block.find(part), std::string::npos) << part << diff;
 }
 
-// WEFTLANE_CLIENT_TIMEOUT bounds a client that never ends (from the
-// environment here): it is stopped with its group, named once, and the run
-// completes with what the client printed before.
-TEST_F(ScmClients, ClientPastItsBoundIsStopped) {
-  wltest::MakeDirs(co_);
-  wltest::WriteFile(co_ + "/a.c", "a\n");
-  const std::string bin = root_ + "/bin";
-  wltest::MakeDirs(bin);
-  wltest::WriteScript(bin, "svn",
-                      "printf 'Path: a.c\\nRevision: 7\\nNode Kind: file\\n'\nsleep 60 & wait\n");
-  auto env = wltest::ToolEnv(root_ + "/home", std::string("http://127.0.0.1:1"),
-                             bin + ":/usr/bin:/bin");
-  env["WEFTLANE_CLIENT_TIMEOUT"] = "1";
-  wltest::MakeDirs(start_);
-  wltest::RunResult r = wltest::RunTool(
-      {"-c", "SVN", "-b", co_, "-lj", "j", "-lm", "m", "-ld", "2026-01-02 03:04:05"}, env, start_,
-      30);
-  EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_NE(r.out.find("Executing: svn info -R 2>&1\nStopped after 1 seconds: svn info -R 2>&1\n"),
-            std::string::npos)
-      << r.out;
-  const std::string bom =
-      wltest::ReadFile(start_ + "/j-m-2026-01-02 03_04_05-01-bom.data").value_or("");
-  EXPECT_EQ(Field(bom, "a.c", 5), "7") << bom;
-}
-
 }  // namespace

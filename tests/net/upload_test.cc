@@ -107,18 +107,6 @@ TEST(MissingPortWarning, OnlyWithoutAPort) {
     EXPECT_EQ(MissingPortWarning(quiet), "") << quiet;
 }
 
-// Read the request, answer `text`, then either close or keep the
-// connection open until the client closes it (as a keep-alive proxy does).
-LoopbackListener::Handler Answer(std::string text, bool keep_open = false) {
-  return [=](ServerConn& c) {
-    c.ReadRequest();
-    c.Send(text);
-    if (keep_open)
-      c.ReadUntil([](const std::string&) { return false; });
-    c.Close();
-  };
-}
-
 // Calls the client has finished in the current row of the fault table.
 std::atomic<int> g_client_calls{0};
 
@@ -169,13 +157,7 @@ TEST_F(UploadFileTest, ServerFaults) {
        "ERROR 412: Short answer from SERVER to WHAT\n"},
       {"silent", Answer("", true),
        "ERROR 410: Timed out after 1 s waiting for the answer to WHAT from SERVER\n"},
-      {"trickling",
-       [](ServerConn& c) {
-         c.ReadRequest();
-         c.Send("HTTP/1.1 200 OK\r\n");
-         for (int i = 0; i < 100 && send(c.fd, "X", 1, MSG_NOSIGNAL) == 1; ++i)
-           poll(nullptr, 0, 100);
-       },
+      {"trickling", Trickle(),
        "ERROR 410: Timed out after 1 s waiting for the answer to WHAT from SERVER\n"},
       {"never reads", NeverReads(),
        "ERROR 410: Timed out after 1 s sending WHAT to SERVER\n", false, 64 << 20},

@@ -129,6 +129,30 @@ inline LoopbackListener::Handler Reply(std::string reply = kOkReply, std::string
   };
 }
 
+// Read the request, answer `text`, then either close or keep the
+// connection open until the client closes it (as a keep-alive proxy does).
+// Answer("", true) is a server that takes the request and never answers.
+inline LoopbackListener::Handler Answer(std::string text, bool keep_open = false) {
+  return [=](ServerConn& c) {
+    c.ReadRequest();
+    c.Send(text);
+    if (keep_open)
+      c.ReadUntil([](const std::string&) { return false; });
+    c.Close();
+  };
+}
+
+// Read the request, then answer a status line and one byte every 100 ms
+// (10 s at most) while the client still takes them.
+inline LoopbackListener::Handler Trickle() {
+  return [](ServerConn& c) {
+    c.ReadRequest();
+    c.Send("HTTP/1.1 200 OK\r\n");
+    for (int i = 0; i < 100 && send(c.fd, "X", 1, MSG_NOSIGNAL) == 1; ++i)
+      poll(nullptr, 0, 100);
+  };
+}
+
 // Runs call(url) against a loopback server that answers kOkReply (after
 // `tail` when given); the request, with the server's port written "PORT".
 inline std::string Wire(const std::string& path, const std::string& tail,
