@@ -172,14 +172,7 @@ void PieceDigest::Piece(const unsigned char* data, size_t n) {
     SparseRounds(state, Load32(data + block), head);
   for (int i = 0; i < 4; ++i)
     Store64(a + kBufOffset + 8 * i, state[i]);
-  unsigned char* in = area_.in();
-  std::memcpy(in, data + kMd5ReadSize - 64, 4);
-  std::memset(in + 4, 0, 60);
-  uint64_t low = Load64(a + kBitsOffset);
-  uint64_t bits = low + 8 * kMd5ReadSize;
-  Store64(a + kBitsOffset, bits);
-  if (bits < low)
-    Store64(a + kBitsOffset + 8, Load64(a + kBitsOffset + 8) + 1);
+  FinishFullPiece(a, data);
 }
 
 void PieceDigest::End(unsigned char out[16]) { MD5Final(out, &area_); }

@@ -170,14 +170,7 @@ struct DigestBatch::Impl {
       for (int k = 0; k < 8; ++k)
         row[8 + k][l] = head[k];
     }
-    unsigned char* in = lane.area.in();
-    std::memcpy(in, data + kMd5ReadSize - 64, 4);
-    std::memset(in + 4, 0, 60);
-    uint64_t low = Load64(a + kBitsOffset);
-    uint64_t bits = low + 8 * kMd5ReadSize;
-    Store64(a + kBitsOffset, bits);
-    if (bits < low)
-      Store64(a + kBitsOffset + 8, Load64(a + kBitsOffset + 8) + 1);
+    FinishFullPiece(a, data);
   }
 
   // Runs the procedure of lane l ahead until enough transforms are queued

@@ -197,6 +197,21 @@ void UpdateWith(unsigned char* a, const unsigned char* data, uint32_t len, Trans
   std::memmove(in, data, len);
 }
 
+// What UpdateWith leaves, besides the state, after a full read buffer with
+// nothing waiting in `in`, for callers that transform its 16 blocks
+// themselves: `in` holds the last block's first four bytes and zeros, and
+// the bit count has grown by the piece.
+inline void FinishFullPiece(unsigned char* a, const unsigned char* data) {
+  unsigned char* in = a + kMd5InOffset;
+  std::memcpy(in, data + kMd5ReadSize - 64, 4);
+  std::memset(in + 4, 0, 60);
+  const uint64_t low = Load64(a + kBitsOffset);
+  const uint64_t bits = low + 8 * kMd5ReadSize;
+  Store64(a + kBitsOffset, bits);
+  if (bits < low)
+    Store64(a + kBitsOffset + 8, Load64(a + kBitsOffset + 8) + 1);
+}
+
 // MD5Final up to and including its last transform.
 template <class Transform>
 void FinalBlocks(unsigned char* a, Transform& transform) {
