@@ -302,6 +302,22 @@ int writen(int fd, const void* data, int32_t len) {
   return 0;
 }
 
+namespace {
+
+// True when fd has something to read (or its end) within the network
+// timeout, or at once when none is set; false with errno ETIMEDOUT when the
+// wait ran out, or set by poll when it failed.
+bool ReadableInTime(int fd) {
+  if (net_timeout <= 0)
+    return true;
+  const int ready = WaitReady(fd, POLLIN, NetDeadline());
+  if (ready == 0)
+    errno = ETIMEDOUT;
+  return ready > 0;
+}
+
+}  // namespace
+
 int readline(int fd, char* buf, int32_t size) {
   // Same bytes as receiving one at a time: peek at what has arrived, then
   // take exactly up to and including the first "\n" (or what fits). Nothing
@@ -309,13 +325,8 @@ int readline(int fd, char* buf, int32_t size) {
   int32_t n = 1;
   char* out = buf;
   while (n < size) {
-    if (net_timeout > 0) {
-      int ready = WaitReady(fd, POLLIN, NetDeadline());
-      if (ready == 0)
-        errno = ETIMEDOUT;
-      if (ready <= 0)
-        return -1;
-    }
+    if (!ReadableInTime(fd))
+      return -1;
     ssize_t peeked = recv(fd, out, static_cast<size_t>(size - n), MSG_PEEK);
     if (peeked < 0) {
       if (errno == EINTR)
@@ -357,13 +368,8 @@ int readline(int fd, char* buf, int32_t size) {
 int readlineAndDiscard(int fd) {
   static_assert(kDiscardSize == 60000);
   std::array<char, kDiscardSize> scratch{};
-  if (net_timeout > 0) {
-    int ready = WaitReady(fd, POLLIN, NetDeadline());
-    if (ready == 0)
-      errno = ETIMEDOUT;
-    if (ready <= 0)
-      return -1;
-  }
+  if (!ReadableInTime(fd))
+    return -1;
   for (;;) {
     ssize_t got = read(fd, scratch.data(), scratch.size());
     if (got < 0 && errno == EINTR)
