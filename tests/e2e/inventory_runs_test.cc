@@ -7,10 +7,12 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "testlib/inventory_fixtures.h"
+#include "testlib/scm_fixtures.h"
 #include "testlib/testlib.h"
 
 namespace {
@@ -92,11 +94,18 @@ const std::vector<std::string> kHostileNames = {
     "paren(x)",    "back\\slash", "line\nfeed", " leading", "trailing ", "-rf",
     "--help",      "cr\rx",        "pct%s%n",   "tab\tx",    "lt<gt>"};
 
+// Fields of the inventory that hold awkward bytes of kHostileNames: each
+// awkward byte is escaped, the other names keep their bytes.
+const std::vector<std::string> kEscapedFields = {
+    ";semi\\x3bcolon;", ";line\\x0afeed;", ";\\x20leading;", ";trailing\\x20;",
+    ";eq=x;",           ";-rf;",            ";cr\\x0dx;"};
+
 // Two runs over an unchanged tree of hostile names: the second reports
 // nothing, and the first run's inventory is what it compared with.
 void ExpectSecondRunEmpty(const std::string& build, const std::string& start,
                           const std::string& home, const std::vector<std::string>& scm,
-                          const std::string& path, const std::string& versioned = "") {
+                          const std::string& path, const std::string& versioned = "",
+                          const std::vector<std::string>& fields = kEscapedFields) {
   std::vector<std::string> args = {"-b", build, "-lj", "job.bom.data", "-lm", "m1",
                                    "-ld", "2026-01-02 03:04:05"};
   args.insert(args.end(), scm.begin(), scm.end());
@@ -105,9 +114,7 @@ void ExpectSecondRunEmpty(const std::string& build, const std::string& start,
   auto first = wltest::RunTool(args, env, start);
   ASSERT_EQ(first.status, 0) << first.out;
   const std::string inventory = wltest::ReadFile(stem + "01-bom.data").value_or("");
-  // Each awkward byte is escaped; the other names keep their bytes.
-  for (const char* field : {";semi\\x3bcolon;", ";line\\x0afeed;", ";\\x20leading;",
-                            ";trailing\\x20;", ";eq=x;", ";-rf;", ";cr\\x0dx;"})
+  for (const std::string& field : fields)
     EXPECT_NE(inventory.find(field), std::string::npos) << field << "\n" << inventory;
   EXPECT_NE(inventory.find(versioned), std::string::npos) << inventory;
   ASSERT_EQ(unlink((stem + "01-diff.data").c_str()), 0);  // see above: it could hide the inventory
@@ -123,16 +130,108 @@ void ExpectSecondRunEmpty(const std::string& build, const std::string& start,
   EXPECT_EQ(wltest::ReadFile(stem + "02-bom.data"), inventory);
 }
 
-TEST(InventoryRuns, UnchangedHostileTreeReportsNothingTheSecondTime) {
-  wltest::TempDir dir;
-  const std::string build = dir / "build", start = dir / "start", home = dir / "home";
-  wltest::MakeDirs(start);
-  wltest::MakeDirs(home);
+// What a client prints about one file of the tree (rel: relative to the
+// build directory), as the tool's listing or query shows it.
+using ClientEntry = std::string (*)(const std::string& build, const std::string& rel);
+
+// Every keyword over the same unchanged hostile tree, its client a fake on
+// PATH that prints its recorded answer: an entry for every name (names with
+// a line feed printed as they are, as a client does), or for VSS, asked
+// once per file, the one entry. No keyword makes a name churn.
+TEST(InventoryRuns, UnchangedHostileTreeReportsNothingTheSecondTimeForEveryKeyword) {
+  struct Row {
+    const char* keyword;  // "": no SCM
+    const char* client;
+    ClientEntry entry;
+    std::string versioned;  // in the inventory once the client's versions landed
+    bool per_file = false;
+  };
+  const Row rows[] = {
+      {"", "", nullptr, ""},
+      {"CVS", "cvs",
+       [](const std::string&, const std::string& rel) {
+         return "Working File: " + rel + "\nhead: 1.3\n";
+       },
+       "; 1.3;\n"},
+      {"CVSREP", "cvs",
+       [](const std::string&, const std::string& rel) {
+         return "Working File: " + rel +
+                "\nhead: 1.2\ndate: 2026/01/02 03:04:05;  author: u;  state: Exp;\n";
+       },
+       "; 1.2;\n"},
+      {"CLEARCASE", "cleartool",
+       [](const std::string&, const std::string& rel) {
+         return "./" + rel + "@@/main/3                Rule: /main/LATEST\n";
+       },
+       "; /main/3                Rule: /main/LATEST;\n"},
+      {"HARVEST", "hsigget",
+       [](const std::string&, const std::string& rel) {
+         return rel + "\t4\t01-02-2026;03:04:05\t3\n";
+       },
+       "; 4;\n"},
+      {"SVN", "svn",
+       [](const std::string&, const std::string& rel) {
+         return "Path: " + rel + "\nRevision: 7\nNode Kind: file\n";
+       },
+       "; 7;\n"},
+      {"VSS", "ss",
+       [](const std::string&, const std::string&) {
+         return std::string("Size: 3 bytes\nLatest:\nVersion: 4\n");
+       },
+       "; 4;\n", true},
+      {"PERFORCE", "p4",
+       [](const std::string&, const std::string& rel) {
+         return "//depot/" + rel + "\n... #3 change 12 edit on 2026/01/02 by u@c (text) 'x'\n";
+       },
+       "; 3;\n"},
+      {"SI", "si", nullptr, ""},  // lists only beside a project file; none here
+      {"ACCUREV", "accurev",
+       [](const std::string&, const std::string& rel) { return "./" + rel + " 5/3 (backed)\n"; },
+       "; 5/3;\n"},
+      {"MSTF", "tf.exe",
+       [](const std::string& build, const std::string& rel) {
+         return "Local path : " + build + "/" + rel + "\nChangeset : 12\nType : file\n";
+       },
+       "; 12;\n"},
+      {"TEAMPRISE", "tf.exe",
+       [](const std::string& build, const std::string& rel) {
+         return "Local path : " + build + "/" + rel + "\nChangeset : 12\nType : file\n";
+       },
+       "; 12;\n"},
+  };
+  wltest::TempDir tree;
+  const std::string build = wltest::RealDir(tree.path()) + "/build";
+  std::vector<std::string> rels;
   for (const std::string& name : kHostileNames) {
-    WriteFile(build + "/" + name, name);
-    WriteFile(build + "/sub " + name + "/f", name);
+    rels.push_back(name);
+    rels.push_back("sub " + name + "/f");
   }
-  ExpectSecondRunEmpty(build, start, home, {}, "/usr/bin:/bin");
+  for (const std::string& rel : rels)
+    WriteFile(build + "/" + rel, rel);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.keyword);
+    wltest::TempDir dir;
+    wltest::MakeDirs(dir / "start");
+    wltest::MakeDirs(dir / "home");
+    wltest::FakeClients fakes(dir);
+    std::string answer;
+    for (size_t i = 0; row.entry && i < (row.per_file ? 1 : rels.size()); ++i)
+      answer += row.entry(build, rels[i]);
+    if (*row.client) {
+      fakes.Add(row.client);
+      fakes.Output(row.client, answer);
+    }
+    std::vector<std::string> scm, fields = kEscapedFields;
+    if (*row.keyword)
+      scm = {"-c", row.keyword};
+    // The repository log is the whole inventory, read a line at a time with
+    // trailing blanks trimmed: those names come back cut, the same each run.
+    if (row.keyword == std::string("CVSREP"))
+      fields = {";semi\\x3bcolon;", ";\\x20leading;", ";eq=x;", ";-rf;", ";cr\\x0dx;"};
+    ExpectSecondRunEmpty(build, dir / "start", dir / "home", scm, std::getenv("PATH"),
+                         row.versioned, fields);
+    EXPECT_EQ(fakes.Log().empty(), row.entry == nullptr);  // the client answered
+  }
 }
 
 TEST(InventoryRuns, UnchangedHostileSvnWorkspaceReportsNothingTheSecondTime) {
