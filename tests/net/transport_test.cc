@@ -106,6 +106,22 @@ TEST(Readline, ResultsAndStoredText) {
     }
     close(fd[0]);
   }
+  // A peer that sends nothing: both readers give up after the bound.
+  SetNetTimeout(1);
+  int fd[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0);
+  char buf[8];
+  errno = 0;
+  EXPECT_EQ(readline(fd[0], buf, sizeof buf), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  errno = 0;
+  EXPECT_EQ(readlineAndDiscard(fd[0]), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  send(fd[1], "abc", 3, 0);
+  EXPECT_EQ(readlineAndDiscard(fd[0]), 3);
+  close(fd[0]);
+  close(fd[1]);
+  SetNetTimeout(kDefaultNetTimeout);
 }
 
 TEST(NetTimeout, FromTheSetting) {
