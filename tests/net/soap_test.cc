@@ -12,6 +12,7 @@
 #include "net/joblog.h"
 #include "net/transfer.h"
 #include "net/transport.h"
+#include "support/handles.h"
 #include "support/strings.h"
 #include "testlib/net_fixtures.h"
 
@@ -204,10 +205,13 @@ TEST(HTTPPost, RequestFromTheFile) {
 }
 
 // Reading and refusing files release every descriptor they took; a posted
-// file is deliberately left open (one descriptor per post, as ever).
+// file is held until exit (one descriptor per post, as ever), and so is the
+// socket of a refused connect; clearing what is held closes them.
 TEST(Handles, GetAndPostReleaseWhatTheyOpen) {
   TempDir dir;
   WriteFile(dir / "deps.txt", "a\n");
+  HeldUntilExit<UniqueFile>().clear();  // what earlier tests left held
+  HeldUntilExit<UniqueFd>().clear();
   const size_t before = ListDir("/proc/self/fd").size();
   EXPECT_EQ(Get(dir / "deps.txt"), "a\n|");
   EXPECT_EQ(Get(dir / "missing"), "<null>|");
@@ -219,6 +223,14 @@ TEST(Handles, GetAndPostReleaseWhatTheyOpen) {
     });
   }
   EXPECT_EQ(ListDir("/proc/self/fd").size(), before + 1);
+  {
+    RefusingPort refusing;
+    EXPECT_EQ(Get(refusing.Url("/f")), "<null>|" + refusing.ConnectError());
+  }
+  EXPECT_EQ(ListDir("/proc/self/fd").size(), before + 2);
+  HeldUntilExit<UniqueFile>().clear();
+  HeldUntilExit<UniqueFd>().clear();
+  EXPECT_EQ(ListDir("/proc/self/fd").size(), before);
 }
 
 // Every library facility gives up on a server that takes the request and
