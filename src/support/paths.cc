@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/handles.h"
 #include "support/strings.h"
 
 extern char** environ;
@@ -339,11 +340,8 @@ int CreateDir(const char* base, const char* relative) {
   for (const std::string& segment : Segments(path, "\\/")) {
     prefix += segment;
     prefix += '/';
-    DIR* d = opendir(prefix.c_str());
-    if (d != nullptr) {
-      closedir(d);
+    if (UniqueDir(opendir(prefix.c_str())))
       continue;
-    }
     // Failures are not reported: the caller finds out when it uses the path.
     (void)mkdir(prefix.c_str(), 07777);
   }
