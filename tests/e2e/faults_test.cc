@@ -131,6 +131,32 @@ std::string Server(const World& f) {
   return "127.0.0.1 on port " + std::to_string(f.server_at_->port);
 }
 
+void ExpectPropertyFileIgnored(World& f, const wltest::RunResult& r) {
+  EXPECT_EQ(r.out.rfind("Property file " + f.home_ +
+                            "/.weftlane/wlenvironment.properties is not a regular file of "
+                            "at most 16777216 bytes: it is ignored.\nCommand Line Options: ",
+                        0),
+            0u)
+      << r.out;
+  EXPECT_EQ(f.Outputs().size(), 2u);
+}
+
+// The svn listing's entry for a.c, as the fake clients print it.
+constexpr char kSvnEntry[] = "printf 'Path: a.c\\nRevision: 7\\nNode Kind: file\\n'\n";
+
+// The run's inventory holds both files, a.c with the client's version, and
+// its report adds both.
+void ExpectCompleteWithVersion(World& f) {
+  const std::string bom = wltest::ReadFile(f.start_ + "/" + kStem + "01-bom.data").value_or("");
+  const std::string diff =
+      wltest::ReadFile(f.start_ + "/" + kStem + "01-diff.data").value_or("");
+  EXPECT_TRUE(Has(bom, "\n" + f.build_ + ";a.c;3;") && Has(bom, "; 7;\n") &&
+              Has(bom, "\n" + f.build_ + ";sub/b.c;3000;"))
+      << bom;
+  EXPECT_TRUE(Has(diff, "\nA;" + f.build_ + ";a.c;") && Has(diff, "\nA;" + f.build_ + ";sub/b.c;"))
+      << diff;
+}
+
 const Fault kFaults[] = {
     {"a file size limit (full disk) fails the inventory, not the run's record",
      [](World& f) {
@@ -150,16 +176,14 @@ const Fault kFaults[] = {
        wltest::MakeDirs(f.home_ + "/.weftlane");
        Fifo(f.home_ + "/.weftlane/wlenvironment.properties");
      },
-     0,
-     [](World& f, const wltest::RunResult& r) {
-       EXPECT_EQ(r.out.rfind("Property file " + f.home_ +
-                                 "/.weftlane/wlenvironment.properties is not a regular file of "
-                                 "at most 16777216 bytes: it is ignored.\nCommand Line Options: ",
-                             0),
-                 0u)
-           << r.out;
-       EXPECT_EQ(f.Outputs().size(), 2u);
-     }},
+     0, ExpectPropertyFileIgnored},
+    {"a home property file that links to /dev/zero is named and skipped",
+     [](World& f) {
+       wltest::MakeDirs(f.home_ + "/.weftlane");
+       EXPECT_EQ(symlink("/dev/zero", (f.home_ + "/.weftlane/wlenvironment.properties").c_str()),
+                 0);
+     },
+     0, ExpectPropertyFileIgnored},
     {"a FIFO as the response file is refused",
      [](World& f) { f.lead_args_ = {"@" + Fifo(f.dir_ / "job.rsp")}; }, 1,
      [](World& f, const wltest::RunResult& r) {
@@ -241,9 +265,7 @@ const Fault kFaults[] = {
      }},
     {"an svn client that sleeps is stopped at its bound; the run completes with what it printed",
      [](World& f) {
-       wltest::WriteScript(f.bin_, "svn",
-                           "printf 'Path: a.c\\nRevision: 7\\nNode Kind: file\\n'\n"
-                           "sleep 60 & wait\n");
+       wltest::WriteScript(f.bin_, "svn", kSvnEntry + std::string("sleep 60 & wait\n"));
        f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "1";
        f.extra_args_ = {"-c", "SVN"};
      },
@@ -252,16 +274,33 @@ const Fault kFaults[] = {
        EXPECT_TRUE(Has(r.out, "Executing: svn info -R 2>&1\nStopped after 1 seconds: svn info -R "
                               "2>&1\n"))
            << r.out;
-       const std::string bom =
-           wltest::ReadFile(f.start_ + "/" + kStem + "01-bom.data").value_or("");
-       const std::string diff =
-           wltest::ReadFile(f.start_ + "/" + kStem + "01-diff.data").value_or("");
-       EXPECT_TRUE(Has(bom, "\n" + f.build_ + ";a.c;3;") && Has(bom, "; 7;\n") &&
-                   Has(bom, "\n" + f.build_ + ";sub/b.c;3000;"))
-           << bom;
-       EXPECT_TRUE(Has(diff, "\nA;" + f.build_ + ";a.c;") &&
-                   Has(diff, "\nA;" + f.build_ + ";sub/b.c;"))
-           << diff;
+       ExpectCompleteWithVersion(f);
+     }},
+    {"an svn client that prints endlessly is stopped at its bound",
+     [](World& f) {
+       wltest::WriteScript(f.bin_, "svn", kSvnEntry + std::string("yes 'Path: endless'\n"));
+       f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "1";
+       f.extra_args_ = {"-c", "SVN"};
+     },
+     0,
+     [](World& f, const wltest::RunResult& r) {
+       EXPECT_TRUE(Has(r.out, "\nStopped after 1 seconds: svn info -R 2>&1\n")) << r.out;
+       ExpectCompleteWithVersion(f);
+     }},
+    {"an svn client that asks for a password gets no input, whatever the run's input is",
+     [](World& f) {
+       wltest::WriteScript(f.bin_, "svn",
+                           "printf 'Password for u: '\nread -r secret && exit 1\necho\n" +
+                               std::string(kSvnEntry));
+       // Opened for reading and writing, the run's input FIFO never ends:
+       // a client given it would wait for ever.
+       f.prefix_ = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 0<>'" + Fifo(f.dir_ / "stdin") + "'"};
+       f.extra_args_ = {"-c", "SVN"};
+     },
+     0,
+     [](World& f, const wltest::RunResult& r) {
+       EXPECT_FALSE(Has(r.out, "Stopped after")) << r.out;
+       ExpectCompleteWithVersion(f);
      }},
     {"a run killed while it writes the report leaves no output under a final name",
      [](World& f) {
