@@ -82,8 +82,11 @@ bool LineReader::Fill() {
     return false;
   for (;;) {
     if (deadline_ != Clock::time_point::max()) {
+      // Once the deadline has passed, poll with no wait would still report
+      // a client that keeps its pipe full as ready: it must end here.
+      const int left = PollTimeout(deadline_);
       struct pollfd p = {fd_, POLLIN, 0};
-      int ready = poll(&p, 1, PollTimeout(deadline_));
+      int ready = left == 0 ? 0 : poll(&p, 1, left);
       if (ready < 0 && errno == EINTR)
         continue;
       if (ready == 0) {

@@ -41,6 +41,13 @@ TEST(LineReader, PiecesAtTheLimitAndUnendedLines) {
       all += "<" + line + ">";
     EXPECT_EQ(all, c.pieces) << c.in.size();
   }
+  // Input that is always ready (as from a client that keeps its pipe full)
+  // ends at a deadline that has passed.
+  UniqueFd f(open((dir / "out").c_str(), O_RDONLY | O_CLOEXEC));
+  LineReader late(f.get(), 2048, LineReader::Clock::now());
+  std::string line;
+  EXPECT_FALSE(late.Next(line));
+  EXPECT_TRUE(late.timed_out());
 }
 
 // Descriptors this process has open.
