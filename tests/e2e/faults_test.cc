@@ -266,12 +266,12 @@ const Fault kFaults[] = {
     {"an svn client that sleeps is stopped at its bound; the run completes with what it printed",
      [](World& f) {
        wltest::WriteScript(f.bin_, "svn", kSvnEntry + std::string("sleep 60 & wait\n"));
-       f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "1";
+       f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "2";
        f.extra_args_ = {"-c", "SVN"};
      },
      0,
      [](World& f, const wltest::RunResult& r) {
-       EXPECT_TRUE(Has(r.out, "Executing: svn info -R 2>&1\nStopped after 1 seconds: svn info -R "
+       EXPECT_TRUE(Has(r.out, "Executing: svn info -R 2>&1\nStopped after 2 seconds: svn info -R "
                               "2>&1\n"))
            << r.out;
        ExpectCompleteWithVersion(f);
@@ -279,12 +279,12 @@ const Fault kFaults[] = {
     {"an svn client that prints endlessly is stopped at its bound",
      [](World& f) {
        wltest::WriteScript(f.bin_, "svn", kSvnEntry + std::string("yes 'Path: endless'\n"));
-       f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "1";
+       f.env_["WEFTLANE_CLIENT_TIMEOUT"] = "2";
        f.extra_args_ = {"-c", "SVN"};
      },
      0,
      [](World& f, const wltest::RunResult& r) {
-       EXPECT_TRUE(Has(r.out, "\nStopped after 1 seconds: svn info -R 2>&1\n")) << r.out;
+       EXPECT_TRUE(Has(r.out, "\nStopped after 2 seconds: svn info -R 2>&1\n")) << r.out;
        ExpectCompleteWithVersion(f);
      }},
     {"an svn client that asks for a password gets no input, whatever the run's input is",

@@ -68,7 +68,8 @@ bool Alive(pid_t pid) {
 
 // Clients that sleep, print endlessly, leave a sleeping grandchild, read
 // standard input, or finish: each is stopped (with its whole group) within
-// its bound of 1 s, or runs to its end; nothing is left behind.
+// its bound of 2 s (room for a slow start on a loaded machine), or runs to
+// its end; nothing is left behind.
 TEST(ClientRun, BoundStdinAndCleanUp) {
   TempDir dir;
   const std::string pid_file = dir / "grandchild";
@@ -79,10 +80,10 @@ TEST(ClientRun, BoundStdinAndCleanUp) {
     std::string first;  // first line read
     bool stopped;
   } cases[] = {
-      {"echo first; sleep 30", 1, 99, "first\n", true},
-      {"yes", 1, SIZE_MAX, "y\n", true},
-      {"sleep 30 & echo $! > " + pid_file + "; echo first; wait", 1, 99, "first\n", true},
-      {"echo one; sleep 30", 1, 1, "one\n", true},  // reading stopped, still running
+      {"echo first; sleep 30", 2, 99, "first\n", true},
+      {"yes", 2, SIZE_MAX, "y\n", true},
+      {"sleep 30 & echo $! > " + pid_file + "; echo first; wait", 2, 99, "first\n", true},
+      {"echo one; sleep 30", 2, 1, "one\n", true},  // reading stopped, still running
       {"if read x; then echo got; else echo eof; fi", 5, 99, "eof\n", false},
       {"echo hi; exec 3>&-", 0, 99, "hi\n", false},  // no bound
   };
@@ -101,9 +102,9 @@ TEST(ClientRun, BoundStdinAndCleanUp) {
       EXPECT_EQ(run.stopped(), c.stopped);
     });
     EXPECT_EQ(first, c.first) << c.command;
-    EXPECT_EQ(printed, c.stopped ? "Stopped after 1 seconds: shown\n" : "") << c.command;
+    EXPECT_EQ(printed, c.stopped ? "Stopped after 2 seconds: shown\n" : "") << c.command;
     EXPECT_EQ(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL, c.stopped) << c.command;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << c.command;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << c.command;
   }
   // The grandchild went with its group.
   const pid_t grandchild = std::atoi(wltest::ReadFile(pid_file).value_or("").c_str());
