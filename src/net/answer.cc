@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "net/transport.h"
+#include "support/strings.h"
 
 namespace {
 
@@ -37,17 +38,7 @@ std::string HeaderValue(const std::string& line) {
 }
 
 // Decimal digits only, no overflow; nothing else counts as a length.
-std::optional<uint64_t> Decimal(const std::string& text) {
-  if (text.empty() || text.size() > 18)
-    return std::nullopt;
-  uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9')
-      return std::nullopt;
-    value = value * 10 + static_cast<uint64_t>(c - '0');
-  }
-  return value;
-}
+std::optional<uint64_t> Decimal(const std::string& text) { return DecimalValue(text, 18); }
 
 // The hexadecimal size at the front of a chunk-size line (extensions after
 // ";" ignored); none when there are no digits or too many.

@@ -15,6 +15,7 @@
 
 #include "net/answer.h"
 #include "support/handles.h"
+#include "support/strings.h"
 
 struct hostent* h = nullptr;
 int DoneGetHostByName = 0;
@@ -117,22 +118,10 @@ void SetNetTimeout(int seconds) {
 int NetTimeout() { return net_timeout; }
 
 std::optional<int> ParseNetTimeout(const char* text) {
-  std::string_view v = text ? text : "";
-  while (!v.empty() && (v.front() == ' ' || v.front() == '\t'))
-    v.remove_prefix(1);
-  while (!v.empty() && (v.back() == ' ' || v.back() == '\t'))
-    v.remove_suffix(1);
-  if (v.empty() || v.size() > 9)
+  auto value = DecimalValue(TrimBlanks(OrEmpty(text)), 9);
+  if (!value || *value > static_cast<uint64_t>(kMaxNetTimeout))
     return std::nullopt;
-  int value = 0;
-  for (char c : v) {
-    if (c < '0' || c > '9')
-      return std::nullopt;
-    value = value * 10 + (c - '0');
-  }
-  if (value > kMaxNetTimeout)
-    return std::nullopt;
-  return value;
+  return static_cast<int>(*value);
 }
 
 std::string SetNetTimeoutFrom(const char* value) {

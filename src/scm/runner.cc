@@ -16,6 +16,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "support/strings.h"
+
 namespace {
 
 constexpr size_t kReadChunk = 64 * 1024;
@@ -175,21 +177,12 @@ ClientSpawnFn ScmClientSpawn = &SpawnShell;
 
 std::string ClientTimeoutFrom(const char* value, unsigned* seconds) {
   *seconds = kDefaultClientTimeout;
-  std::string_view v = value ? value : "";
-  while (!v.empty() && (v.front() == ' ' || v.front() == '\t'))
-    v.remove_prefix(1);
-  while (!v.empty() && (v.back() == ' ' || v.back() == '\t'))
-    v.remove_suffix(1);
+  const std::string_view v = TrimBlanks(OrEmpty(value));
   if (v.empty())
     return "";  // unset, or set empty in a property file
-  uint64_t number = 0;
-  bool digits = v.size() <= 10;
-  for (char c : v) {
-    digits = digits && c >= '0' && c <= '9';
-    number = digits ? number * 10 + static_cast<uint64_t>(c - '0') : 0;
-  }
-  if (digits && number <= kMaxClientTimeout) {
-    *seconds = static_cast<unsigned>(number);
+  auto number = DecimalValue(v, 10);
+  if (number && *number <= kMaxClientTimeout) {
+    *seconds = static_cast<unsigned>(*number);
     return "";
   }
   return std::string("WARNING: WEFTLANE_CLIENT_TIMEOUT ") + value +

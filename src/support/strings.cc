@@ -365,3 +365,23 @@ char* ReplaceStr2(char** text_ref, const char* old, const char* new_text, int fl
   safe_cpy(text_ref, result.c_str());
   return *text_ref;
 }
+
+std::string_view TrimBlanks(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+    text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
+    text.remove_suffix(1);
+  return text;
+}
+
+std::optional<uint64_t> DecimalValue(std::string_view text, size_t max_digits) {
+  if (text.empty() || text.size() > max_digits)
+    return std::nullopt;
+  uint64_t value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9')
+      return std::nullopt;
+    value = value * 10 + static_cast<uint64_t>(c - '0');
+  }
+  return value;
+}

@@ -14,7 +14,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "support/safestring.h"
 
@@ -49,6 +51,13 @@ int EndsWith(const char* text, const char* suffix, int flag);
 // searches upper-cased copies and maps the offset back to haystack.
 const char* FindStr(const char* haystack, const char* needle, int flag);
 char* FindStr(char* haystack, const char* needle, int flag);
+
+// `text` without the blanks and tabs at either end.
+std::string_view TrimBlanks(std::string_view text);
+// The value of `text` when it is 1 to `max_digits` decimal digits and nothing
+// else (no sign, no blank); nullopt otherwise. max_digits of at most 19 can
+// never overflow.
+std::optional<uint64_t> DecimalValue(std::string_view text, size_t max_digits);
 
 // Trimming in place. Strip: mode 0 leading blanks/tabs, 1 trailing
 // newlines/blanks/tabs, 2 both, other modes nothing. StripChar: the same
