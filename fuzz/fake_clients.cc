@@ -5,6 +5,10 @@
 
 #include <cstdio>
 
+#include "inventory/filenode.h"
+#include "scm/scmtool.h"
+#include "support/strings.h"
+
 namespace fuzz {
 
 namespace {
@@ -56,6 +60,27 @@ std::vector<std::string> SplitOutputs(std::string_view text, size_t count) {
   while (pieces.size() < count)
     pieces.emplace_back();
   return pieces;
+}
+
+Bintree* FileTreeOf(const std::string& build_dir, const std::string& names, bool with_names) {
+  Bintree* tree = NewBintree(nullptr, CompareFunc, 0, sizeof(FileNode));
+  size_t start = 0;
+  while (start <= names.size()) {
+    size_t end = names.find('|', start);
+    if (end == std::string::npos)
+      end = names.size();
+    const std::string name = names.substr(start, end - start);
+    FileNode* node = NewFileNode(TreeKey(build_dir, name).c_str());
+    safe_cpy(&node->dir, build_dir.c_str());
+    if (with_names)
+      safe_cpy(&node->name, name.c_str());
+    if (InsBintree(tree, node) != 0) {
+      FreeFileNode(node);
+      tfree(node);
+    }
+    start = end + 1;
+  }
+  return tree;
 }
 
 }  // namespace fuzz

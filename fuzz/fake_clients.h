@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include "scm/runner.h"
+#include "support/bintree.h"
 
 namespace fuzz {
 
@@ -30,5 +31,10 @@ class FakeClients {
 // Cuts `text` at every "\n" followed by a NUL byte into at most `count`
 // pieces (the last one takes the rest).
 std::vector<std::string> SplitOutputs(std::string_view text, size_t count);
+
+// A tree of file records, one for each "|"-separated name of `names` below
+// `build_dir`, as the scan would make it: key and directory set, the name too
+// when `with_names`; a repeated name is dropped. The caller destroys it.
+Bintree* FileTreeOf(const std::string& build_dir, const std::string& names, bool with_names);
 
 }  // namespace fuzz

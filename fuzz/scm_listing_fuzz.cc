@@ -19,28 +19,6 @@
 #include "support/bintree.h"
 #include "support/strings.h"
 
-namespace {
-
-Bintree* TreeOf(const std::string& build_dir, const std::string& names) {
-  Bintree* tree = NewBintree(nullptr, CompareFunc, 0, sizeof(FileNode));
-  size_t start = 0;
-  while (start <= names.size()) {
-    size_t end = names.find('|', start);
-    if (end == std::string::npos)
-      end = names.size();
-    FileNode* node = NewFileNode(TreeKey(build_dir, names.substr(start, end - start)).c_str());
-    safe_cpy(&node->dir, build_dir.c_str());
-    if (InsBintree(tree, node) != 0) {
-      FreeFileNode(node);
-      tfree(node);
-    }
-    start = end + 1;
-  }
-  return tree;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::QuietStdout();
   fuzz::Input in(data, size);
@@ -52,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)made;
 
   for (uint32_t type : {kScmCvs, kScmClearCase, kScmSvn, kScmAccurev, kScmMstf, kScmSi}) {
-    Bintree* tree = TreeOf(build_dir, names);
+    Bintree* tree = fuzz::FileTreeOf(build_dir, names, false);
     {
       fuzz::FakeClients clients({output});
       ScmSession scm;
@@ -71,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string log = output;
   for (size_t at = log.find(".."); at != std::string::npos; at = log.find("..", at))
     log.replace(at, 2, "__");
-  Bintree* tree = TreeOf(build_dir, names);
+  Bintree* tree = fuzz::FileTreeOf(build_dir, names, false);
   {
     fuzz::FakeClients clients({log});
     ScmSession scm;

@@ -23,26 +23,6 @@ namespace {
 
 constexpr size_t kMaxOutputs = 8;
 
-Bintree* TreeOf(const std::string& build_dir, const std::string& names) {
-  Bintree* tree = NewBintree(nullptr, CompareFunc, 0, sizeof(FileNode));
-  size_t start = 0;
-  while (start <= names.size()) {
-    size_t end = names.find('|', start);
-    if (end == std::string::npos)
-      end = names.size();
-    const std::string name = names.substr(start, end - start);
-    FileNode* node = NewFileNode(TreeKey(build_dir, name).c_str());
-    safe_cpy(&node->dir, build_dir.c_str());
-    safe_cpy(&node->name, name.c_str());
-    if (InsBintree(tree, node) != 0) {
-      FreeFileNode(node);
-      tfree(node);
-    }
-    start = end + 1;
-  }
-  return tree;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -61,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (uint32_t type : {kScmVss, kScmPerforce, kScmHarvest}) {
     ScmSession scm;
     scm.type = type;
-    scm.files = TreeOf(build_dir, names);
+    scm.files = fuzz::FileTreeOf(build_dir, names, true);
     scm.dirs = NewBintree(nullptr, CompareFunc, 0, sizeof(DirNode));
     {
       fuzz::FakeClients clients(outputs);
