@@ -1,7 +1,9 @@
 // Times the ordered tree on the shapes the run meets: one million keys
 // inserted in ascending order (an earlier inventory read back), in
 // descending order, in random order, and in a zigzag whose root removals
-// each move a successor up. Prints one line per phase; checks nothing.
+// each move a successor up. Prints one line per phase. It exits with 1 when
+// a key is not found or the ascending keys do not form a chain as deep as
+// their count (the test suite checks the chain's links at a smaller scale).
 //
 //   bintree_bench [count]    (default 1000000)
 
@@ -34,7 +36,8 @@ int CountVisit(void*, uint32_t depth, void* arg) {
   return 0;
 }
 
-void Run(const char* name, const std::vector<std::string>& keys) {
+// Returns the height of the tree the keys made, 0 when a key was not found.
+uint32_t Run(const char* name, const std::vector<std::string>& keys) {
   auto* head = static_cast<BintreeNode*>(InitBintreeNode(sizeof(BintreeNode)));
   safe_cpy(&head->key, "");
   Bintree* tree = NewBintree(head, CompareFunc, 0, sizeof(BintreeNode));
@@ -67,6 +70,7 @@ void Run(const char* name, const std::vector<std::string>& keys) {
       "%-10s %8zu keys  height %8u  insert %6.2fs  find %6.2fs  walk %6.2fs  destroy %6.2fs\n",
       name, found, height + 1, insert, find, walk, destroy);
   std::fflush(stdout);
+  return found == keys.size() ? height + 1 : 0;
 }
 
 std::string Key(size_t i) {
@@ -89,14 +93,14 @@ int main(int argc, char** argv) {
   }
   std::vector<std::string> sorted = keys;
   std::sort(sorted.begin(), sorted.end());
-  Run("ascending", sorted);
+  bool ok = count == 0 || Run("ascending", sorted) == count;
 
   std::vector<std::string> reversed(sorted.rbegin(), sorted.rend());
-  Run("descending", reversed);
+  ok = Run("descending", reversed) != 0 && ok;
 
   std::vector<std::string> shuffled = sorted;
   std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1));
-  Run("random", shuffled);
+  ok = Run("random", shuffled) != 0 && ok;
 
   // Smallest, then largest down to the second smallest.
   std::vector<std::string> zigzag;
@@ -105,6 +109,6 @@ int main(int argc, char** argv) {
     zigzag.push_back(sorted.front());
     zigzag.insert(zigzag.end(), sorted.rbegin(), sorted.rend() - 1);
   }
-  Run("zigzag", zigzag);
-  return 0;
+  ok = Run("zigzag", zigzag) != 0 && ok;
+  return ok ? 0 : 1;
 }

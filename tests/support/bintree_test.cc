@@ -1,9 +1,11 @@
 #include "support/bintree.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cstdio>
 #include <algorithm>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -134,6 +136,7 @@ TEST(BintreeInsert, LinksWalksAndReleaseOrder) {
   const std::tuple<const char*, int, const char*> cases[] = {
       {"d b f a c e g", 0,
        "0000000 ((a)b(c))d((e)f(g)) | a:2 b:1 c:2 d:0 e:2 f:1 g:2 | a c b e g f d | d e f g b c a"},
+      {"d b h f g", 0, "00000 (b)d((f(g))h) | b:1 d:0 f:2 g:3 h:1 | b g f h d | d f g h b"},
       {"b a c a c b", 0, "000-1-1-1 (a)b(c) | a:1 b:0 c:1 | a c b | b c a"},
       {"b a c b", 1, "0000 (a)b((b)c) | a:1 b:0 b:2 c:1 | a b c b | b b c a"},
       {"Makefile makefile \xC3\xA9 B", 0,
@@ -163,19 +166,23 @@ struct RefNode {
   std::string key;
 };
 
-// Random keys, and a zigzag (a, z, b, y, ...) whose descents grow past any
-// budget so that the tree changes how it finds places: the links stay the
-// plain descent's, every key is found (in random and ascending order) and
-// removals splice as the rules say.
+// Random keys, a zigzag (a, z, b, y, ...) whose descents grow past any
+// budget so that the tree changes how it finds places, and a root whose
+// successor lies beyond that budget: the links stay the plain descent's,
+// every key is found (in random and ascending order) and removals splice as
+// the rules say.
 TEST(BintreeReference, SameLinksAsThePlainDescent) {
-  for (int pattern = 0; pattern < 3; ++pattern) {
+  for (int pattern = 0; pattern < 4; ++pattern) {
     const int duplicates = pattern == 1;
     std::mt19937 rng(12345 + pattern);
-    const int kCount = pattern == 2 ? 2000 : 20000;  // the reference zigzag is quadratic
+    // The reference zigzag is quadratic.
+    const int kCount = pattern == 3 ? 402 : pattern == 2 ? 2000 : 20000;
     std::vector<std::string> keys(kCount);
     for (int id = 0; id < kCount; ++id) {
       char buf[16];
       int n = pattern == 2 ? (id % 2 ? kCount - id : id) : static_cast<int>(rng() % 15000);
+      if (pattern == 3)  // the root; below its greater record a lesser chain with a greater end
+        n = id == 0 ? 0 : 200000 - 2 * id + (id == kCount - 1 ? 3 : 0);
       std::snprintf(buf, sizeof buf, "k%06d", n);
       keys[id] = buf;
     }
@@ -245,38 +252,48 @@ TEST(BintreeInsert, FromARecordOnThePath) {
   EXPECT_EQ(Shape(tree), "((a)c((d)e))m(x)");
 }
 
-// One million records in ascending order form a chain of that depth.
-TEST(BintreeChain, MillionSortedKeys) {
-  constexpr int kChain = 1000000;
-  auto key_at = [](int i) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%07d", i);
-    return std::string(buf);
+// Runs body on a thread with a 256 KiB stack, which code recursing once per
+// level of a deep tree would overflow.
+void OnSmallStack(const std::function<void()>& body) {
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, 256 << 10);
+  pthread_t thread;
+  auto run = [](void* arg) -> void* {
+    (*static_cast<const std::function<void()>*>(arg))();
+    return nullptr;
   };
-  Bintree* tree = NewBintree(nullptr, CompareFunc, 0, sizeof(BintreeNode));
-  int failures = 0;
-  std::string in_order, post, released;
-  for (int i = 0; i < kChain; ++i) {
-    failures += LoadKey(tree, key_at(i).c_str()) != 0;
-    in_order += (i ? " " : "") + key_at(i) + ":" + std::to_string(i);
-    post += " " + key_at(kChain - 1 - i);
-    released += (i ? " " : "") + key_at(i);
-  }
-  ASSERT_EQ(failures, 0);
-  EXPECT_EQ(tree->head->greater->lesser, nullptr);
-  for (int i = 0; i < kChain; ++i) {
-    auto* found = static_cast<BintreeNode*>(FindKey(tree, key_at(i).c_str()));
-    failures += found == nullptr || key_at(i) != found->key;
-  }
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(FindKey(tree, "9999999"), nullptr);
-  EXPECT_EQ(LoadKey(tree, key_at(kChain / 2).c_str()), -1);
-  int results = 9;
-  EXPECT_TRUE(Walks(tree, &results) == in_order + " |" + post);
-  EXPECT_EQ(results, 0);
-  g_released.clear();
-  DestroyBintree(tree, LogAndFreeText);  // the root each time: ascending again
-  EXPECT_TRUE(g_released == released);
+  ASSERT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()>*>(&body)), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+}
+
+// Keys in ascending order (an earlier inventory read back) make a chain as
+// deep as the tree is big: the depths of the walk pin its links. The million
+// keys of a large build are a bench/bintree_bench run.
+TEST(BintreeChain, SortedKeysOnASmallStack) {
+  OnSmallStack([] {
+    constexpr int kChain = 50000;
+    auto key_at = [](int i) { return std::to_string(100000 + i); };
+    TestTree tree;
+    std::string in_order, post, ascending;
+    for (int i = 0; i < kChain; ++i) {
+      tree.results += std::to_string(tree.Insert(key_at(i), i));
+      in_order += (i ? " " : "") + key_at(i) + ":" + std::to_string(i);
+      post += (i ? " " : "") + key_at(kChain - 1 - i);
+      ascending += (i ? " " : "") + key_at(i);
+    }
+    EXPECT_EQ(tree.results, std::string(kChain, '0'));
+    int missing = 0;
+    for (int i = 0; i < kChain; ++i)
+      missing += FindKey(tree.tree, key_at(i).c_str()) == nullptr;
+    EXPECT_EQ(missing, 0);
+    EXPECT_EQ(tree.Insert(key_at(kChain / 2), -1), -1);
+    int results = 9;
+    EXPECT_TRUE(Walks(tree.tree, &results) == in_order + " | " + post);
+    EXPECT_EQ(results, 0);
+    EXPECT_TRUE(tree.Destroy() == ascending);  // the root each time
+  });
 }
 
 }  // namespace

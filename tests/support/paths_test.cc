@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -63,17 +62,12 @@ TEST(ReplaceSlash, ConvertsBothOldSeparatorsOrByTheGivenOne) {
 // splitting; "/./" replacement does not rescan; an absolute path only gets
 // the first step.
 TEST(CanonicalPath, ResolvesByTheBackwardRule) {
-  std::vector<std::pair<std::string, std::string>> cases = {{"a/b/../c", "a/c"},
-                                                            {"../x", "x"},
-                                                            {"a/../../x", "a/x"},
-                                                            {"../..", ""},
-                                                            {"C:/../x", "C:/x"},
-                                                            {"C:", "C:/"},
-                                                            {"a\\.\\b", "a/b"},
-                                                            {"a/./././b", "a/./b"},
-                                                            {"a//b///", "a/b"},
-                                                            {"", ""},
-                                                            {"/abs/./x/../y", "/abs/x/../y"}};
+  // clang-format off
+  std::vector<std::pair<std::string, std::string>> cases = {
+      {"a/b/../c", "a/c"}, {"../x", "x"}, {"a/../../x", "a/x"}, {"../..", ""}, {"C:/../x", "C:/x"},
+      {"C:", "C:/"}, {"a\\.\\b", "a/b"}, {"a/./././b", "a/./b"}, {"a//b///", "a/b"}, {"", ""},
+      {"/abs/./x/../y", "/abs/x/../y"}};
+  // clang-format on
   cases.emplace_back("", "");  // any number of segments
   for (int i = 0; i < 5000; ++i) {
     cases.back().first += "s" + std::to_string(i) + "/x/../";

@@ -5,10 +5,8 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <tuple>
-#include <vector>
 
 namespace {
 
@@ -41,7 +39,7 @@ TEST(Compare, DifferenceOfTheFirstDifferingFoldedBytes) {
 }
 
 // IsNEqual's length rules; rows with n == 0 are EndsWith(a, b) instead.
-TEST(Compare, IsNEqualLengthRulesAndEndsWith) {
+TEST(Compare, IsNEqualLengthRulesEndsWithAndFindStr) {
   const std::tuple<const char*, const char*, size_t, int, int> cases[] = {
       {"abc", "abc", 5, 1, 1},  {"abc", "abcd", 3, 1, 1}, {"abc", "abcd", 4, 1, 0},
       {"abcd", "abc", 3, 1, 1}, {"abcd", "abc", 4, 1, 0}, {"abcd", "abc", 9, 1, 0},
@@ -59,10 +57,7 @@ TEST(Compare, IsNEqualLengthRulesAndEndsWith) {
   EXPECT_EQ(IsNEqual(a.c_str(), a.c_str(), a.size(), 1), 1);
   EXPECT_EQ(IsNEqual(a.c_str(), b.c_str(), b.size(), 1), 0);
   EXPECT_EQ(EndsWith(b.c_str(), a.c_str(), 0), 0);
-}
-
-TEST(FindStr, ReturnsAPointerIntoTheCallersText) {
-  const char* hay = "one Two three";
+  const char* hay = "one Two three";  // FindStr points into the caller's text
   EXPECT_EQ(FindStr(hay, "two", 1), nullptr);
   EXPECT_EQ(FindStr(hay, "two", 0), hay + 4);
   EXPECT_EQ(FindStr(hay, "THREE", 0), hay + 8);
