@@ -13,6 +13,9 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "driver/cmdline.h"
@@ -145,6 +148,60 @@ class RunResources {
   FileNode* old_head_ = nullptr;
 };
 
+// The earlier inventory, read into OldFileTree while the build directory is
+// scanned. The file is opened in the start directory before the scan
+// changes away from it; the records are read on a thread of their own,
+// which touches only the open stream, OldFileTree and the records it makes
+// (the scan and the SCM stage never look at OldFileTree). The lines
+// LoadFileTree prints are printed by Finish, where the run used to load, so
+// the output keeps its order.
+class EarlierInventory {
+ public:
+  EarlierInventory() = default;
+  EarlierInventory(const EarlierInventory&) = delete;
+  EarlierInventory& operator=(const EarlierInventory&) = delete;
+  ~EarlierInventory() { Join(); }
+
+  // Opens the inventory `name` ("": none).
+  void Open(const std::string& name) {
+    name_ = name;
+    if (!name_.empty())
+      stream_ = OpenInventory(name_.c_str());
+    opened_ = stream_ != nullptr;
+  }
+  // Starts reading it into tree; on this thread when no other can start.
+  void Start(Bintree* tree) {
+    if (!stream_)
+      return;
+    FILE* stream = std::exchange(stream_, nullptr);
+    try {
+      reader_ = std::thread(ReadInventory, tree, stream);
+    } catch (const std::system_error&) {
+      ReadInventory(tree, stream);
+    }
+  }
+  // Waits for the records and prints what loading them prints.
+  void Finish() {
+    Join();
+    if (name_.empty())
+      return;
+    std::printf(kLoadingFormat, name_.c_str());
+    if (!opened_)
+      std::printf(kCouldNotOpenFormat, name_.c_str());
+  }
+
+ private:
+  void Join() {
+    if (reader_.joinable())
+      reader_.join();
+  }
+
+  std::string name_;
+  FILE* stream_ = nullptr;
+  bool opened_ = false;
+  std::thread reader_;
+};
+
 // The SCM stage's view of the run, read once from the settings (the trees
 // must exist).
 ScmSession MakeScmSession() {
@@ -221,11 +278,11 @@ OutputNames PlanOutputs() {
   return names;
 }
 
-// Changes into the build directory, creates the trees, fills `scm` and with
-// it FileTree, and returns to the start directory; returns the start
-// directory as read back.
+// Changes into the build directory, creates the trees, starts reading the
+// earlier inventory, fills `scm` and with it FileTree, and returns to the
+// start directory; returns the start directory as read back.
 std::string ScanBuildDirectory(RunResources& resources, const std::string& start_dir,
-                               ScmSession& scm) {
+                               ScmSession& scm, EarlierInventory& earlier) {
   // A build directory that cannot be entered is not an error: the scan then
   // runs in the start directory.
   std::string build_dir = WorkDir;
@@ -236,6 +293,7 @@ std::string ScanBuildDirectory(RunResources& resources, const std::string& start
   DirName = build_dir;
 
   resources.CreateTrees();
+  earlier.Start(OldFileTree);
   scm = MakeScmSession();
   AcquireInventory(scm, build_dir);
 
@@ -353,8 +411,10 @@ int RunInspection(RunResources& resources) {
   std::printf("OldFileName=%s\n", names.old.c_str());
 
   ScmSession scm;
-  start_dir = ScanBuildDirectory(resources, start_dir, scm);
-  LoadFileTree(OldFileTree, names.old.c_str());
+  EarlierInventory earlier;
+  earlier.Open(names.old);
+  start_dir = ScanBuildDirectory(resources, start_dir, scm, earlier);
+  earlier.Finish();
   int status = WriteOutputs(names, scm);
   return status != 0 ? status : TransferOutputs(names);
 }

@@ -243,19 +243,17 @@ int WriteFileTree(void* record, uint32_t /*depth*/, void* arg) {
   return 0;
 }
 
-void LoadFileTree(Bintree* tree, const char* fileName) {
-  if (!fileName || !*fileName)
-    return;
-  std::printf("Loading comparison data: %s\n", fileName);
+FILE* OpenInventory(const char* fileName) {
   auto file = std::make_unique<DigestStream>();
-  if (!file->Open(fileName)) {
-    std::printf("Could not open %s\n", fileName);
-    return;
-  }
+  if (!file->Open(fileName))
+    return nullptr;
   FILE* stream = file->get();
   // The inventory read stays open until the process ends.
   HoldUntilExit(std::move(file));
+  return stream;
+}
 
+void ReadInventory(Bintree* tree, FILE* stream) {
   std::string text;
   while (ReadRecordLine(stream, text)) {
     const char* line = StripChar(text, "\n\r ", 1).c_str();
@@ -268,6 +266,18 @@ void LoadFileTree(Bintree* tree, const char* fileName) {
       tfree(node);
     }
   }
+}
+
+void LoadFileTree(Bintree* tree, const char* fileName) {
+  if (!fileName || !*fileName)
+    return;
+  std::printf(kLoadingFormat, fileName);
+  FILE* stream = OpenInventory(fileName);
+  if (!stream) {
+    std::printf(kCouldNotOpenFormat, fileName);
+    return;
+  }
+  ReadInventory(tree, stream);
 }
 
 void CloseLoadedInventories() { HeldUntilExit<std::unique_ptr<DigestStream>>().clear(); }

@@ -80,6 +80,16 @@ int WriteFileTree(void* record, uint32_t depth, void* arg);
 // - The file is deliberately left open until the process ends (a holder with
 //   process lifetime owns it).
 void LoadFileTree(Bintree* tree, const char* fileName);
+// LoadFileTree's two lines.
+inline constexpr const char kLoadingFormat[] = "Loading comparison data: %s\n";
+inline constexpr const char kCouldNotOpenFormat[] = "Could not open %s\n";
+// LoadFileTree in two steps, for a caller that reads on another thread and
+// prints the lines itself: OpenInventory opens fileName as LoadFileTree does
+// (held until the process ends; null when it cannot be opened) and prints
+// nothing; ReadInventory reads the records of the open stream into tree,
+// touching nothing but the stream, tree and the records it makes.
+FILE* OpenInventory(const char* fileName);
+void ReadInventory(Bintree* tree, FILE* stream);
 
 // Closes the inventories LoadFileTree has kept open. For tests and the fuzz
 // targets, which load many inventories in one process; the run never calls
