@@ -59,7 +59,14 @@ DigestWorkers::~DigestWorkers() {
 void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    space_.wait(lock, [this] { return in_flight_ < kMaxQueued; });
+    if (in_flight_ >= kMaxQueued) {
+      // Once full, wait until the workers have made room for a good number
+      // of files: waking for every single free place costs two switches a
+      // file.
+      space_wanted_ = kRoomWanted;
+      space_.wait(lock, [this] { return in_flight_ <= kRoomWanted; });
+      space_wanted_ = kNobodyWaits;
+    }
     queue_.push_back({fd.Release(), node});
     ++in_flight_;
     // Waking a worker per file costs more than digesting a small one: wake
@@ -74,7 +81,9 @@ void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
 void DigestWorkers::Finish() {
   work_.notify_all();
   std::unique_lock<std::mutex> lock(mutex_);
+  space_wanted_ = 0;
   space_.wait(lock, [this] { return in_flight_ == 0; });
+  space_wanted_ = kNobodyWaits;
 }
 
 void DigestWorkers::Run() {
@@ -126,11 +135,16 @@ void DigestWorkers::Run() {
       finished += static_cast<size_t>(busy - batch.Busy());
     }
     if (finished > 0) {
+      bool wake = false;
       {
         std::lock_guard<std::mutex> lock(mutex_);
         in_flight_ -= finished;
+        wake = space_wanted_ != kNobodyWaits && in_flight_ <= space_wanted_;
+        if (wake)
+          space_wanted_ = kNobodyWaits;
       }
-      space_.notify_all();
+      if (wake)
+        space_.notify_all();
     }
   }
 }

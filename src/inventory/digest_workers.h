@@ -59,11 +59,19 @@ class DigestWorkers {
   };
   void Run();
 
+  // Files in flight that the walking thread, once it found the queue full,
+  // waits for before it goes on.
+  static constexpr size_t kRoomWanted = kMaxQueued / 2;
+  static constexpr size_t kNobodyWaits = static_cast<size_t>(-1);
+
   std::mutex mutex_;
   std::condition_variable work_;   // jobs queued or stopping
   std::condition_variable space_;  // a job finished
   std::deque<Job> queue_;
   size_t in_flight_ = 0;  // queued + being digested
+  // The in-flight count the walking thread waits for (kNobodyWaits: it does
+  // not wait), so that workers wake it only once that is reached.
+  size_t space_wanted_ = kNobodyWaits;
   bool stopping_ = false;
   int threads_count_ = 1;
   std::vector<std::thread> threads_;

@@ -29,6 +29,9 @@ constexpr mode_t kDirectoryBit = 0x4000;
 // descriptors beyond these.
 constexpr size_t kOpenAncestors = 8;
 
+// Bytes of directory entries fetched per listing call.
+constexpr size_t kListingBufferSize = 64 * 1024;
+
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
 // O_NONBLOCK so that opening a FIFO reached through a link cannot wait for a
 // writer (the digest refuses it right after).
@@ -133,6 +136,7 @@ class Walk {
   std::vector<Frame> stack_;
   std::string dir_;  // key text of the directory on top of the stack
   std::string full_;
+  std::vector<char> listing_;  // directory entries as the system returns them
 };
 
 // Where insertions for the top directory start: the nearest hint known on
@@ -162,28 +166,25 @@ bool Walk::Push(int fd, const std::string& open_name, const std::string& key_par
   struct stat status;
   if (fstat(dir_fd.get(), &status) != 0)
     return false;
-  int list_fd = fcntl(dir_fd.get(), F_DUPFD_CLOEXEC, 0);
-  if (list_fd < 0 && OutOfDescriptors(errno)) {
-    workers_.Finish();
-    list_fd = fcntl(dir_fd.get(), F_DUPFD_CLOEXEC, 0);
-  }
-  if (list_fd < 0)
-    return false;
-  UniqueDir listing(fdopendir(list_fd));
-  if (!listing) {
-    close(list_fd);
-    return false;
-  }
+  // The names are read straight from the descriptor, which the listing
+  // leaves usable for opening the entries. A read error ends the listing
+  // with the names read so far.
   Frame frame;
-  errno = 0;
-  while (dirent* entry = readdir(listing.get())) {
-    const char* name = entry->d_name;
-    // "." and ".." begin with "." and are directories: never descended into.
-    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
-      continue;
-    frame.entries.push_back({name, entry->d_type});
+  listing_.resize(kListingBufferSize);
+  for (;;) {
+    ssize_t n = getdents64(dir_fd.get(), listing_.data(), listing_.size());
+    if (n <= 0)
+      break;
+    for (ssize_t at = 0; at < n;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(listing_.data() + at);
+      at += entry->d_reclen;
+      const char* name = entry->d_name;
+      // "." and ".." begin with "." and are directories: never descended into.
+      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+        continue;
+      frame.entries.push_back({name, entry->d_type});
+    }
   }
-  listing.reset();
   frame.open_name = open_name;
   frame.dev = status.st_dev;
   frame.ino = status.st_ino;
