@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "inventory/digest.h"
+#include "scm/scmtool.h"
 #include "support/strings.h"
 #include "testlib/scm_fixtures.h"
 
@@ -26,6 +27,7 @@ class ListingTest : public wltest::ScmTest {
     return Printed([&] { FindVersionInfo(scm_, b_.c_str()); });
   }
   std::vector<std::string> Versions() const { return tree_.Versions(b_, kFiles); }
+  std::string B(const std::string& text) const { return wltest::Fill(text, {{"{B}", b_}}); }
 };
 
 // {B} in the table stands for the build directory.
@@ -63,15 +65,11 @@ TEST_F(ListingTest, EveryListingCommandProgressAndVersions) {
        "tf.exe properties \"{B}\" /recursive /noprompt 2>&1",
        "tf.exe|{B}|[properties][{B}][/recursive][/noprompt]", "41", "7", ""},
   };
-  auto fill = [this](std::string text) {
-    for (size_t at; (at = text.find("{B}")) != std::string::npos;)
-      text.replace(at, 3, b_);
-    return text;
-  };
   for (const auto& c : cases) {
-    const std::string tool = c.args, shown = fill(c.shown) + (c.redirect ? " 2>&1" : "");
-    fakes_.Output(tool.substr(0, tool.find('|')), fill(c.out));
+    SCOPED_TRACE(c.shown);
+    const std::string tool = c.args, shown = B(c.shown) + (c.redirect ? " 2>&1" : "");
     const std::string executing = "Executing: " + shown + (c.redirect ? " \n" : "\n");
+    fakes_.Output(tool.substr(0, tool.find('|')), B(c.out));
     {
       wltest::FailingStarts fail;
       EXPECT_EQ(List(c.type), executing + "Could not run: " + shown + "\n");
@@ -82,10 +80,10 @@ TEST_F(ListingTest, EveryListingCommandProgressAndVersions) {
     }
     EXPECT_EQ(Versions(), (std::vector<std::string>{"", "", ""}));
     EXPECT_EQ(List(c.type), executing);
-    EXPECT_EQ(Versions(), (std::vector<std::string>{c.a, c.b, c.c})) << c.shown;
+    EXPECT_EQ(Versions(), (std::vector<std::string>{c.a, c.b, c.c}));
     EXPECT_EQ(tree_.Keys().size(), 3u);
-    EXPECT_EQ(fakes_.Log(), std::vector<std::string>{fill(c.args)});
-    wltest::WriteFile(dir_ / "fake.log", "");
+    EXPECT_EQ(fakes_.Log(), std::vector<std::string>{B(c.args)});
+    (void)fakes_.TakeRuns();
     for (const auto& rel : kFiles)
       safe_cpy(&tree_.Find(Key(rel))->version, "");
   }
@@ -175,19 +173,6 @@ TEST_F(ListingTest, OverlongEndlessAndNulLines) {
       "head -c 5000000 /dev/zero | tr '\\000' x\nprintf '\\nWorking file: a.c\\nhead: 1.3\\n'\n");
   List(kScmCvs);
   EXPECT_EQ(tree_.Version(Key("a.c")), "1.3");
-}
-
-// Hundreds of megabytes of output are streamed in bounded memory.
-TEST_F(ListingTest, HugeOutputIsStreamed) {
-  fakes_.AddRaw("svn",
-                "head -c 300000000 /dev/zero\necho\nyes 'Path: noise' | head -c 24000000\n"
-                "printf 'Path: a.c\\nRevision: 3\\nNode Kind: file\\n'\n");
-  const long before = wltest::PeakRssKib();
-  EXPECT_EQ(List(kScmSvn), "Executing: svn info -R 2>&1\n");
-  EXPECT_EQ(tree_.Version(Key("a.c")), "3");
-  // The sanitizer's quarantine keeps freed blocks: peak memory means
-  // something only in a plain build.
-  EXPECT_LT(wltest::kUnderAddressSanitizer ? 0 : wltest::PeakRssKib() - before, 32 * 1024);
 }
 
 // CVSREP: the records come from the log alone, the first for a name wins,

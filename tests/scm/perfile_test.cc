@@ -61,7 +61,7 @@ TEST_F(PerFileTest, PerforceAsksOncePerDirectory) {
   EXPECT_EQ(fakes_.Log(), (std::vector<std::string>{"p4|" + b_ + "/lib|[filelog][-t][-L][*]",
                                                     "p4|" + b_ + "/src|[filelog][-t][-L][*]"}));
   EXPECT_TRUE(Asked("lib/") && Asked("src/"));
-  EXPECT_EQ(wltest::CurrentDir(), b_);
+  EXPECT_EQ(wltest::RealDir("."), b_);
 }
 
 // Tab-separated name, version, "MM-DD-YYYY;hh:mm:ss" local time and size up
@@ -113,7 +113,7 @@ TEST_F(PerFileTest, StartFailuresAndOtherTypes) {
       EXPECT_EQ(Printed([&] { EXPECT_EQ(LoadVersionInfo(a, 0, &scm_), c.result); }),
                 "Executing: " + c.cmd + c.dir + "\nCould not run: " + c.cmd + " ");
     }
-    EXPECT_EQ(wltest::CurrentDir(), b_);
+    EXPECT_EQ(wltest::RealDir("."), b_);
   }
   EXPECT_FALSE(Asked("sub/"));
 }

@@ -1,13 +1,10 @@
 #include "testlib/scm_fixtures.h"
 
-#include <sys/resource.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
-#include <string>
 
 #include "support/strings.h"
 
@@ -73,17 +70,17 @@ FakeClients::FakeClients(const TempDir& dir)
     : bin_(dir / "fakebin"),
       out_(dir / "fakeout"),
       log_(dir / "fake.log"),
-      argv_(dir / "fake.argv"),
       path_("PATH", bin_ + ":" + OrEmpty(std::getenv("PATH"))) {
   MakeDirs(bin_);
   MakeDirs(out_);
   WriteFile(log_, "");
 }
 
+// Each field of a run is followed by a NUL; "\1" and a NUL close the run.
 void FakeClients::Add(const std::string& name) {
-  AddRaw(name, "{ printf '%s|%s|' '" + name +
-                   "' \"$(pwd -P)\"; for a; do printf '[%s]' \"$a\"; done; echo; } >> '" + log_ +
-                   "'\ncat '" + out_ + "/" + name + "' 2>/dev/null\nexit 0\n");
+  AddRaw(name, "{ printf '%s\\000' '" + name +
+                   "' \"$(pwd -P)\" \"$@\"; printf '\\001\\000'; } >> '" + log_ + "'\ncat '" +
+                   out_ + "/" + name + "' 2>/dev/null\nexit 0\n");
 }
 
 void FakeClients::AddRaw(const std::string& name, const std::string& body) {
@@ -94,32 +91,34 @@ void FakeClients::Output(const std::string& name, const std::string& text) {
   WriteFile(out_ + "/" + name, text);
 }
 
-void FakeClients::AddArgvRecorder(const std::string& name) {
-  AddRaw(name, "{ for a; do printf '%s\\000' \"$a\"; done; printf '\\001\\000'; } >> '" + argv_ +
-                   "'\n");
-}
-
-std::vector<std::vector<std::string>> FakeClients::TakeArgv() {
+std::vector<std::vector<std::string>> FakeClients::Runs() const {
   std::vector<std::vector<std::string>> runs(1);
-  const std::string text = ReadFile(argv_).value_or("");
+  const std::string text = ReadFile(log_).value_or("");
   for (size_t at = 0, end; (end = text.find('\0', at)) != std::string::npos; at = end + 1) {
-    std::string arg = text.substr(at, end - at);
-    if (arg == "\1") {
+    if (text.compare(at, end - at, "\1") == 0) {
       runs.emplace_back();
     } else {
-      runs.back().push_back(arg);
+      runs.back().push_back(text.substr(at, end - at));
     }
   }
   runs.pop_back();
-  WriteFile(argv_, "");
+  return runs;
+}
+
+std::vector<std::vector<std::string>> FakeClients::TakeRuns() {
+  auto runs = Runs();
+  WriteFile(log_, "");
   return runs;
 }
 
 std::vector<std::string> FakeClients::Log() const {
   std::vector<std::string> lines;
-  std::istringstream in(ReadFile(log_).value_or(""));
-  for (std::string line; std::getline(in, line);)
+  for (const auto& run : Runs()) {
+    std::string line = run.at(0) + "|" + run.at(1) + "|";
+    for (size_t i = 2; i < run.size(); ++i)
+      line += "[" + run[i] + "]";
     lines.push_back(line);
+  }
   return lines;
 }
 
@@ -143,20 +142,24 @@ std::string RealDir(const std::string& path) {
   return realpath(path.c_str(), buf) ? buf : path;
 }
 
-std::string CurrentDir() { return RealDir("."); }
-
-long PeakRssKib() {
-  struct rusage usage {};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
+std::string Fill(const std::string& text,
+                 const std::vector<std::pair<std::string, std::string>>& values) {
+  std::string out;
+  for (size_t at = 0; at < text.size();) {
+    auto hit = std::find_if(values.begin(), values.end(), [&](const auto& value) {
+      return text.compare(at, value.first.size(), value.first) == 0;
+    });
+    out += hit == values.end() ? text.substr(at, 1) : hit->second;
+    at += hit == values.end() ? 1 : hit->first.size();
+  }
+  return out;
 }
 
 ScmTest::ScmTest() : b_(RealDir(dir_.path())), cwd_(b_), fakes_(dir_) {
   scm_.files = tree_.tree();
   scm_.dirs = tree_.dirs();
   scm_.client_timeout = 60;
-  for (const char* name :
-       {"cvs", "cleartool", "hsigget", "svn", "ss", "p4", "si", "accurev", "tf.exe"})
+  for (const char* name : kScmClients)
     fakes_.Add(name);
 }
 

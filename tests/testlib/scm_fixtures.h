@@ -1,22 +1,25 @@
 #pragma once
 // Fixtures for the SCM tests: a file tree owned by the test, fake clients on
-// PATH that record their arguments and directory, and a client starter that
-// fails on request. Every fixture undoes what it did.
+// PATH that record their runs, and a client starter that fails on request.
+// Every fixture undoes what it did.
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "inventory/filenode.h"
 #include "scm/runner.h"
-#include "scm/scmtool.h"
 #include "scm/session.h"
 #include "support/bintree.h"
 #include "testlib/testlib.h"
 
 namespace wltest {
+
+// Every client program the SCM types run.
+inline const char* const kScmClients[] = {"cvs", "cleartool", "hsigget", "svn",   "ss",
+                                          "p4",  "si",        "accurev", "tf.exe"};
 
 // A file tree of its own (head record, CompareFunc, no duplicates) and a
 // directory tree.
@@ -47,26 +50,24 @@ class ScmTree {
   Bintree* dirs_;
 };
 
-// A bin directory first on PATH. A client made by Add records one log line
-// per run, "<name>|<physical cwd>|[arg1][arg2]...", and prints the text set
-// by Output.
+// A bin directory first on PATH. A client made by Add records each run (its
+// name, physical working directory and arguments, byte for byte) and prints
+// the text set by Output.
 class FakeClients {
  public:
   explicit FakeClients(const TempDir& dir);
   void Add(const std::string& name);
-  // A client with an arbitrary sh body (no recording).
+  // A client with an arbitrary sh body that records nothing.
   void AddRaw(const std::string& name, const std::string& body);
   void Output(const std::string& name, const std::string& text);
+  // The runs so far as {name, directory, arguments...}; clears the record.
+  std::vector<std::vector<std::string>> TakeRuns();
+  // The runs so far as lines "<name>|<directory>|[arg1][arg2]...".
   std::vector<std::string> Log() const;
-  // A client that records nothing but its arguments, byte for byte (each
-  // followed by a NUL, a run closed by "\1" and a NUL), and prints nothing.
-  void AddArgvRecorder(const std::string& name);
-  // The argument vectors (without the program name) of the recorders' runs
-  // so far, in order; clears the record.
-  std::vector<std::vector<std::string>> TakeArgv();
 
  private:
-  std::string bin_, out_, log_, argv_;
+  std::vector<std::vector<std::string>> Runs() const;
+  std::string bin_, out_, log_;
   ScopedEnv path_;
 };
 
@@ -85,14 +86,11 @@ class FailingStarts {
 
 // Physical path of an existing directory.
 std::string RealDir(const std::string& path);
-std::string CurrentDir();
-#if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool kUnderAddressSanitizer = true;
-#else
-inline constexpr bool kUnderAddressSanitizer = false;
-#endif
-// Peak resident set size of this process so far, in KiB.
-long PeakRssKib();
+
+// `text` with each key of `values` replaced by its value, in one pass: an
+// inserted value is never searched again.
+std::string Fill(const std::string& text,
+                 const std::vector<std::pair<std::string, std::string>>& values);
 
 // What `f` prints on standard output.
 template <typename F>
