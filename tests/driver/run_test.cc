@@ -1,5 +1,6 @@
 #include "driver/run.h"
 #include "driver/config.h"
+#include "driver/exec.h"
 #include "driver/input.h"
 #include "driver/output.h"
 #include "inventory/inventory.h"
@@ -11,6 +12,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,10 +31,9 @@ TEST(FileStat, Kinds) {
   wltest::WriteFile(dir / "f", "12345");
   wltest::MakeDirs(dir / "zero");
   ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
-  struct timeval f_times[2] = {{1600000000, 0}, {1600000000, 0}}, zero[2] = {{0, 0}, {0, 0}};
-  ASSERT_EQ(utimes((dir / "f").c_str(), f_times), 0);
-  ASSERT_EQ(utimes((dir / "zero").c_str(), zero), 0);
-  ASSERT_EQ(utimes((dir / "pipe").c_str(), f_times), 0);
+  const struct timeval at[2] = {{1600000000, 0}, {1600000000, 0}}, zero[2] = {};
+  for (const char* name : {"f", "zero", "pipe"})
+    ASSERT_EQ(utimes((dir / name).c_str(), name[0] == 'z' ? zero : at), 0);
   struct stat zero_st;
   ASSERT_EQ(stat((dir / "zero").c_str(), &zero_st), 0);
   // clang-format off
@@ -62,22 +63,13 @@ bool LockedElsewhere(const std::string& path) {
   return flock(probe.get(), LOCK_EX | LOCK_NB) != 0;
 }
 
-TEST(FileCopy, CopiesEveryByteOrFailsAfterTheLockRetries) {
+TEST(FileCopy, FailsAfterTheLockRetries) {
   wltest::TempDir dir;
-  const std::string src = dir / "src", dst = dir / "dst";
-  const std::string content =
-      std::string("line 1\nbinary \0\xff bytes\n", 24) + std::string(5000, 'z');
+  const std::string src = dir / "src", dst = dir / "dst", content = "content";
   wltest::WriteFile(src, content);
-  wltest::WriteFile(dst, std::string(20000, 'o'));
-  EXPECT_EQ(file_copy(src.c_str(), dst.c_str()), 0);
-  EXPECT_EQ(wltest::ReadFile(dst), content);
-  EXPECT_EQ(file_copy((dir / "missing").c_str(), dst.c_str()), 1);
-  EXPECT_EQ(file_copy(src.c_str(), dir.path().c_str()), 1);
-  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-  EXPECT_EQ(file_copy(src.c_str(), (dir / "fifo").c_str()), 1);  // no reader: fails at once
-
   // One attempt and 100 retries after 2-second pauses; the 101st attempt
-  // does not count even when it gets the lock.
+  // does not count even when it gets the lock. (Copies that succeed or fail
+  // at once are in Handles below.)
   file_copy_pause = [](unsigned seconds) {
     last_seconds = seconds;
     if (++pauses == release_at)
@@ -147,15 +139,23 @@ int OpenDescriptors() { return static_cast<int>(wltest::ListDir("/proc/self/fd")
 TEST(Handles, EveryStepReleasesWhatItOpens) {
   wltest::TempDir dir;
   wltest::ScopedCwd cwd(dir.path());
-  wltest::WriteFile("src", "content\n");
+  const std::string content =
+      std::string("line 1\nbinary \0\xff bytes\n", 24) + std::string(5000, 'z');
+  wltest::WriteFile("src", content);
+  wltest::WriteFile("dst", std::string(20000, 'o'));
+  ASSERT_EQ(mkfifo("fifo", 0600), 0);
   wltest::WriteFile("T-M-1.bom.data", "ModuleRootDir=/w\n/w;a;1;2; d; v;\n");
   wltest::WriteFile("resp", "-lj j\n");
   wltest::WriteFile("home/.weftlane/wlenvironment.properties", "A=1\n");
   wltest::ScopedEnv home("HOME", dir / "home");
   const std::pair<const char*, std::function<void()>> steps[] = {
-      {"file_copy", [] { EXPECT_EQ(file_copy("src", "dst"), 0); }},
+      {"file_copy", [&] {
+         EXPECT_EQ(file_copy("src", "dst"), 0);
+         EXPECT_EQ(wltest::ReadFile("dst"), content);  // every byte, the old length gone
+       }},
       {"file_copy of a missing file", [] { EXPECT_EQ(file_copy("missing", "dst"), 1); }},
       {"file_copy onto a directory", [] { EXPECT_EQ(file_copy("src", "home"), 1); }},
+      {"file_copy onto a FIFO", [] { EXPECT_EQ(file_copy("src", "fifo"), 1); }},  // no reader
       {"LoadFileTree", [] {
          wltest::ScopedFileTree tree;
          LoadFileTree(tree.get(), "T-M-1.bom.data");
@@ -192,7 +192,77 @@ TEST(Handles, EveryStepReleasesWhatItOpens) {
     EXPECT_EQ(OpenDescriptors(), before) << what;
   }
   EXPECT_EQ(wltest::ListDir(dir.path()),
-            (std::vector<std::string>{"T-M-1.bom.data", "dst", "home", "resp", "src"}));
+            (std::vector<std::string>{"T-M-1.bom.data", "dst", "fifo", "home", "resp", "src"}));
+}
+
+// Runs the command with echo and waits; returns what was printed followed by
+// "=<exit status>" ("=signal" when the child did not exit).
+std::string Exec(const std::string& command, int use_perl) {
+  wltest::CaptureStdout cap;
+  int status = ExecuteCmd(command.c_str(), use_perl, 1, 1, nullptr);
+  return cap.Take() + (WIFEXITED(status) ? "=" + std::to_string(WEXITSTATUS(status)) : "=signal");
+}
+
+TEST(ExecuteCmd, ShellForm) {
+  wltest::TempDir dir;
+  wltest::ScopedCwd cwd(dir.path());
+  EXPECT_EQ(Exec("printf '<%s>\\n' \"a  b\" c", 0),
+            "Execute: sh -c 'printf '<%s>\\n' \"a  b\" c'\n<a  b>\n<c>\n=0");
+  EXPECT_EQ(ExecuteCmd("exit 3", 0, 0, 1, nullptr), 3 << 8);  // the raw wait status
+  // A command file is made executable by everyone.
+  wltest::WriteFile(dir / "job.sh", "#!/bin/sh\nexit 5\n");
+  EXPECT_EQ(Exec("./job.sh", 0), "Execute: sh -c './job.sh'\n=5");
+  struct stat st;
+  ASSERT_EQ(stat((dir / "job.sh").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0777u);
+  // A program that cannot start exits with 0.
+  wltest::ScopedEnv path("PATH", dir / "empty");
+  EXPECT_EQ(Exec("exit 9", 0), "Execute: sh -c 'exit 9'\n=0");
+}
+
+TEST(ExecuteCmd, PerlFormGroupsQuotedWordsUpToTheArgumentLimit) {
+  if (access("/usr/bin/perl", X_OK) != 0)
+    GTEST_SKIP() << "perl is not installed";
+  wltest::TempDir dir;
+  wltest::ScopedCwd cwd(dir.path());
+  wltest::WriteFile(dir / "args.pl", "print map { \"[$_]\\n\" } @ARGV;\n");
+  // clang-format off
+  const std::pair<std::string, std::string> cases[] = {
+      {"args.pl \"a    b\"  c", "[a b]\n[c]\n"}, {"args.pl \"one\" two", "[one]\n[two]\n"},
+      {"args.pl \"x \"y\" z\"", "[x y]\n[z\"]\n"}, {"args.pl a \"never closed", "[a]\n"},
+      {"args.pl mid\"quote", "[mid\"quote]\n"},
+  };
+  // clang-format on
+  for (const auto& [command, args] : cases)
+    EXPECT_EQ(Exec(command, 1), "Execute: perl " + command + "\n" + args + "=0");
+  // perl, the script and 17 more: 19 arguments, the most there is room for.
+  std::string command = "args.pl", args;
+  for (int i = 1; i <= 17; ++i) {
+    command += " a" + std::to_string(i);
+    args += "[a" + std::to_string(i) + "]\n";
+  }
+  EXPECT_EQ(Exec(command, 1), "Execute: perl " + command + "\n" + args + "=0");
+  // One more is refused: nothing runs, nothing is printed, the pid is -1.
+  wltest::WriteFile(dir / "marker.pl", "open(F, '>ran'); close F;\n");
+  command = "marker.pl" + command.substr(7) + " a18";
+  pid_t pid = 0;
+  wltest::CaptureStdout cap;
+  EXPECT_EQ(ExecuteCmd(command.c_str(), 1, 1, 0, &pid), 0);
+  EXPECT_EQ(cap.Take() + std::to_string(pid), "-1");
+  EXPECT_FALSE(wltest::ReadFile(dir / "ran").has_value());
+}
+
+TEST(Wlfprintf, ReportsAFailedWriteOnStandardError) {
+  wltest::TempDir dir;
+  wltest::WriteFile(dir / "in", "");
+  FILE* f = std::fopen((dir / "in").c_str(), "r");
+  ASSERT_NE(f, nullptr);
+  wltest::CaptureStdout err(2);
+  wltest::CaptureStdout out;
+  EXPECT_LT(wlfprintf("here.cc", 12, f, "%s\n", "text"), 0);
+  EXPECT_EQ(err.Take(), "ERROR 65: (here.cc,12): Bad file descriptor\n");
+  EXPECT_EQ(out.Take(), "");
+  std::fclose(f);
 }
 
 }  // namespace

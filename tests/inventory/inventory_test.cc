@@ -88,17 +88,12 @@ TEST(WriteInventory, HeaderLinesUnderTheirConditionsThenRecords) {
   ScopedFileTree tree;
   tree.Add("/w;x", "b c", 5, "d", "");
   tree.Add("/w;x", "a", 1, "", "1.2");
-  InventoryHeader full;
-  full.scm_type = "SVN";
-  full.module_root = "/w;x\n\r";
-  full.machine = "m";
-  full.build_label = "L";
-  full.build_number = "7";
   // Only BuildLabel is always written (the other lines are pinned end to
   // end); a line break in the root is escaped.
   const std::pair<InventoryHeader, std::string> cases[] = {
       {InventoryHeader{}, "BuildLabel=\n"},
-      {full, "SCMType=SVN\nModuleRootDir=/w;x\\x0a\\x0d\nMachineName=m\nBuildLabel=L\nBuildNumber=7\n"},
+      {InventoryHeader{"SVN", "/w;x\n\r", "m", "L", "7"},
+       "SCMType=SVN\nModuleRootDir=/w;x\\x0a\\x0d\nMachineName=m\nBuildLabel=L\nBuildNumber=7\n"},
   };
   for (const auto& [header, lines] : cases) {
     char* buf = nullptr;
