@@ -1,15 +1,14 @@
-// The run's frame as seen from outside: the built binary in a temporary
-// start directory with a controlled environment.
+// The run's frame as seen from outside: what the built binary prints and
+// leaves in its start directory, byte for byte.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
+#include "e2e/e2e.h"
 #include "testlib/driver_fixtures.h"
 #include "testlib/testlib.h"
 
@@ -17,45 +16,31 @@ namespace {
 
 using namespace drivertest;
 
-const char kServer[] = "http://127.0.0.1:1";  // nothing listens there
 const char kBase[] = "job-My Computer-2020-10-14 10_20_30";
 const char kRefused[] =
     "LogUrl=http://127.0.0.1:1/LogUpload\nERROR 401: Could not connect to 127.0.0.1 on port 1\n\n";
 const std::string kJob = "-lj \"job\" -ld \"2020-10-14 10_20_30\"", kEcho = Echoed(kJob);
 const std::string kStages = "Determining Deleted Files\nDetermining Added and Changed Files\n";
 
-// Creates the directory and returns its real path.
-std::string MadeReal(const std::string& path) {
-  wltest::MakeDirs(path);
-  char* real = realpath(path.c_str(), nullptr);
-  std::string out = real ? real : path;
-  std::free(real);
-  return out;
-}
-
 std::string Numbered(int n, const char* suffix, const std::string& base = kBase) {
   return base + (n < 10 ? "-0" : "-") + std::to_string(n) + "-" + suffix;
 }
 
-// A start directory and a separate home.
+std::vector<std::string> JobArgs(std::vector<std::string> more = {}) {
+  more.insert(more.begin(), {"-lj", "job", "-ld", kDate});
+  return more;
+}
+
+// Runs without -b: the start directory, empty between rows, is the tree.
 class DriverRun : public ::testing::Test {
  protected:
-  wltest::RunResult Run(const std::vector<std::string>& args,
-                        std::optional<std::string> server = std::string(kServer),
-                        std::optional<std::string> path = std::nullopt) {
-    return wltest::RunTool(args, wltest::ToolEnv(home_, server, path), start_);
-  }
-  static std::vector<std::string> JobArgs(std::vector<std::string> more = {}) {
-    more.insert(more.begin(), {"-lj", "job", "-ld", kDate});
-    return more;
-  }
   // The lines every accepted run prints before its stages.
   std::string Frame(const std::string& report, const std::string& inventory) const {
-    return "WorkDir=" + start_ + "\nBuildDir=.\nRptFileName=" + report +
+    return "WorkDir=" + w_.start + "\nBuildDir=.\nRptFileName=" + report +
            "\nNewFileName=" + inventory + "\nOldFileName=\n";
   }
-  // Everything an accepted run prints after the echo when the start
-  // directory holds no files; each upload prints `upload`.
+  // Everything an accepted run over an empty tree prints after the echo;
+  // each upload prints `upload`.
   std::string CompleteRun(int report, int inventory, const std::string& upload = kRefused,
                           const std::string& base = kBase) const {
     return Frame(Numbered(report, "diff.data", base), Numbered(inventory, "bom.data", base)) +
@@ -63,47 +48,36 @@ class DriverRun : public ::testing::Test {
            upload + "Uploading Report Data " + base + "-diff.data\n" + upload + "Complete\n";
   }
   void EmptyStart() {
-    for (const std::string& name : wltest::ListDir(start_))
-      if (unlink((start_ + "/" + name).c_str()) != 0)
-        rmdir((start_ + "/" + name).c_str());
+    for (const std::string& name : wltest::ListDir(w_.start))
+      if (unlink((w_.start + "/" + name).c_str()) != 0)
+        rmdir((w_.start + "/" + name).c_str());
   }
 
-  wltest::TempDir dir_;
-  std::string start_ = MadeReal(dir_ / "start"), home_ = dir_ / "home";
+  e2e::World w_;
 };
 
-TEST_F(DriverRun, ServerSetting) {
+TEST_F(DriverRun, CommandLinesAndServerSettings) {
   const std::string missing = "WEFTLANE_SERVER environment variable must be set.\n";
   const std::string bad_url = "LogUrl=/LogUpload\nERROR 404: Invalid URL /LogUpload\n\n";
-  // clang-format off
-  using Opt = std::optional<std::string>;
-  const std::tuple<Opt, Opt, int, std::string> cases[] = {  // environment, file, status, output
-      {{}, {}, 1, missing},
-      {"", {}, 1, missing},  // empty counts as absent
-      {{}, kServer, 0, kEcho + CompleteRun(1, 1)},
-      {{}, "", 0, kEcho + CompleteRun(1, 1, bad_url)},  // an empty value is a value
-      {kServer, "", 0, kEcho + CompleteRun(1, 1)},      // the environment wins
-  };
-  // clang-format on
-  for (const auto& [env, file, status, out] : cases) {
-    SCOPED_TRACE(out);
-    if (file)
-      wltest::WriteFile(home_ + "/.weftlane/wlenvironment.properties",
-                        "WEFTLANE_SERVER=" + *file + "\n");
-    auto r = Run(JobArgs(), env);
-    EXPECT_EQ(r.status, status);
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(wltest::ListDir(start_).size(), status ? 0u : 2u);
-    EmptyStart();
-  }
-}
-
-TEST_F(DriverRun, RefusedCommandLines) {
-  const std::string j = kJob, usage = kUsage;
   const std::string req = " parameter and argument are required.\n";
   const std::string unc = "ERROR 53: UNC Working directories ('\\\\srv\\x') are not supported.\n";
+  const std::string j = kJob, usage = kUsage;
+  // 199 words after the program name are accepted, 200 are not.
+  std::vector<std::string> words_199 = JobArgs(std::vector<std::string>(195, "-lp"));
+  std::string echo_199 = kJob;
+  for (int i = 0; i < 195; ++i)
+    echo_199 += " -lp";
+  std::vector<std::string> words_200 = words_199;
+  words_200.push_back("-lp");
+  using Opt = std::optional<std::string>;
+  struct Row {
+    std::vector<std::string> args;
+    std::string out;
+    int status = 1;
+    Opt server = std::string(e2e::kNobody), property = std::nullopt;  // environment, home file
+  };
   // clang-format off
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
+  const Row rows[] = {
       {{}, usage}, {{"-?"}, usage}, {{"/?"}, usage}, {{"-h"}, usage}, {{"/H"}, usage},
       {JobArgs({"-b", "\\\\srv\\x"}), Echoed(j + " -b \"\\\\srv\\x\"") + unc},
       {JobArgs({"-lm"}), Echoed(j + " -lm") + "ERROR 57: -lm" + req},
@@ -114,32 +88,42 @@ TEST_F(DriverRun, RefusedCommandLines) {
        "ERROR 60: -t value must not contain a line feed or carriage return.\n"},
       {JobArgs({"-lm", "m", "-ln", "7\r"}), Echoed(j + " -lm \"m\" -ln \"7\r\"") +
        "ERROR 60: -ln value must not contain a line feed or carriage return.\n"},
-      {std::vector<std::string>(100000, "-s"),
-       "Too many words on the command line: at most 199 are accepted.\n"},
+      {words_200, "Too many words on the command line: at most 199 are accepted.\n"},
+      {words_199, Echoed(echo_199) + CompleteRun(1, 1), 0},
+      {JobArgs(), missing, 1, {}},
+      {JobArgs(), missing, 1, ""},  // empty counts as absent
+      {JobArgs(), kEcho + CompleteRun(1, 1), 0, {}, e2e::kNobody},
+      {JobArgs(), kEcho + CompleteRun(1, 1, bad_url), 0, {}, ""},  // an empty value is a value
+      {JobArgs(), kEcho + CompleteRun(1, 1), 0, e2e::kNobody, ""},  // the environment wins
   };
   // clang-format on
-  for (const auto& [args, out] : cases) {
-    SCOPED_TRACE(out);
-    auto r = Run(args);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, out);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.out);
+    w_.server = row.server;
+    if (row.property)
+      wltest::WriteFile(w_.home + "/.weftlane/wlenvironment.properties",
+                        "WEFTLANE_SERVER=" + *row.property + "\n");
+    auto r = w_.Run(row.args);
+    EXPECT_EQ(r.status, row.status);
+    EXPECT_EQ(r.out, row.out);
+    EXPECT_EQ(wltest::ListDir(w_.start).size(), row.status ? 0u : 2u);
+    EmptyStart();
   }
-  EXPECT_TRUE(wltest::ListDir(start_).empty());
 }
 
 TEST_F(DriverRun, Version) {
   // The run goes on with its job settings unset; the names show them as the
   // C library prints a null text.
-  auto r = Run({"-v"});
+  auto r = w_.Run({"-v"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, kBanner + CompleteRun(1, 1, kRefused, "(null)-(null)-(null)"));
-  EXPECT_EQ(wltest::ReadFile(start_ + "/(null)-(null)-(null)-01-diff.data"), "BuildLabel=\n");
+  EXPECT_EQ(w_.Out("(null)-(null)-(null)-01-diff.data"), "BuildLabel=\n");
 }
 
 TEST_F(DriverRun, CompleteRunFromAResponseFileKeepsOnlyTheNumberedFiles) {
-  wltest::WriteFile(dir_ / "job.rsp",
+  wltest::WriteFile(w_.root + "/job.rsp",
                     "-lj \"my job\" -ld \"2020-10-14 10_20_30\"\n-c none -t \"REL 1\"\n");
-  auto r = Run({"@" + dir_ / "job.rsp", "-ln", "77", "-lm", "box"});
+  auto r = w_.Run({"@" + w_.root + "/job.rsp", "-ln", "77", "-lm", "box"});
   const std::string base = "my job-box-2020-10-14 10_20_30";
   EXPECT_EQ(r.status, 0);  // a failed upload does not change the status
   EXPECT_EQ(r.out, Echoed("-lj \"my job\" -ld \"2020-10-14 10_20_30\" -c \"none\" -t \"REL 1\" "
@@ -147,25 +131,23 @@ TEST_F(DriverRun, CompleteRunFromAResponseFileKeepsOnlyTheNumberedFiles) {
                        CompleteRun(1, 1, kRefused, base));
   const std::string report = Numbered(1, "diff.data", base),
                     inventory = Numbered(1, "bom.data", base);
-  EXPECT_EQ(wltest::ListDir(start_), (std::vector<std::string>{inventory, report}));
+  EXPECT_EQ(wltest::ListDir(w_.start), (std::vector<std::string>{inventory, report}));
   const std::string tail = "MachineName=box\nBuildLabel=REL 1\nBuildNumber=77\n";
-  EXPECT_EQ(wltest::ReadFile(start_ + "/" + report), "SCMType=none\n" + tail);
-  EXPECT_EQ(wltest::ReadFile(start_ + "/" + inventory),
-            "SCMType=none\nModuleRootDir=" + start_ + "\n" + tail);
+  EXPECT_EQ(w_.Out(report), "SCMType=none\n" + tail);
+  EXPECT_EQ(w_.Out(inventory), "SCMType=none\nModuleRootDir=" + w_.start + "\n" + tail);
 }
 
 TEST_F(DriverRun, NumberingOfTheTwoFilesIsIndependent) {
-  wltest::WriteFile(start_ + "/" + Numbered(1, "diff.data"), "old\n");
-  wltest::WriteFile(start_ + "/" + Numbered(2, "diff.data"), "old\n");
-  auto r = Run(JobArgs());
+  for (int n = 1; n <= 9; ++n)
+    wltest::WriteFile(w_.start + "/" + Numbered(n, "diff.data"), "old\n");
+  auto r = w_.Run(JobArgs());
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, kEcho + CompleteRun(3, 1));
+  EXPECT_EQ(r.out, kEcho + CompleteRun(10, 1));
   // A second run numbers past the first run's files; a missing build
   // directory makes it scan the start directory.
-  r = Run(JobArgs({"-b", "does/not/exist"}));
-  EXPECT_EQ(r.out, Echoed(kJob + " -b \"does/not/exist\"") + CompleteRun(4, 2));
-  std::string inventory = wltest::ReadFile(start_ + "/" + Numbered(2, "bom.data")).value_or("");
-  EXPECT_NE(inventory.find("\nModuleRootDir=" + start_ + "\n"), std::string::npos) << inventory;
+  r = w_.Run(JobArgs({"-b", "does/not/exist"}));
+  EXPECT_EQ(r.out, Echoed(kJob + " -b \"does/not/exist\"") + CompleteRun(11, 2));
+  EXPECT_TRUE(e2e::Has(w_.Out(Numbered(2, "bom.data")), "\nModuleRootDir=" + w_.start + "\n"));
 }
 
 TEST_F(DriverRun, OutputNameTakenByADirectory) {
@@ -179,8 +161,8 @@ TEST_F(DriverRun, OutputNameTakenByADirectory) {
   // clang-format on
   for (const auto& [name, stages] : cases) {
     SCOPED_TRACE(name);
-    wltest::MakeDirs(start_ + "/" + name);
-    auto r = Run(JobArgs());
+    wltest::MakeDirs(w_.start + "/" + name);
+    auto r = w_.Run(JobArgs());
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, frame + stages + "Could not write to " + name + "\n");
     EmptyStart();

@@ -7,13 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -65,14 +65,10 @@ ScopedCwd::~ScopedCwd() {
 
 CaptureStdout::CaptureStdout(int fd) : fd_(fd) {
   std::fflush(nullptr);
-  char tmpl[] = "/tmp/wlcapture-XXXXXX";
-  int file = mkstemp(tmpl);
-  if (file < 0)
-    throw std::runtime_error("mkstemp failed");
-  file_ = tmpl;
-  saved_fd_ = dup(fd_);
-  dup2(file, fd_);
-  close(file);
+  file_ = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  saved_fd_ = fcntl(fd_, F_DUPFD_CLOEXEC, 0);
+  if (file_ < 0 || saved_fd_ < 0 || dup2(file_, fd_) < 0)
+    throw std::runtime_error("cannot capture descriptor " + std::to_string(fd));
 }
 
 std::string CaptureStdout::Take() {
@@ -82,8 +78,8 @@ std::string CaptureStdout::Take() {
   dup2(saved_fd_, fd_);
   close(saved_fd_);
   done_ = true;
-  std::string out = ReadFile(file_).value_or("");
-  unlink(file_.c_str());
+  std::string out = ReadFile("/proc/self/fd/" + std::to_string(file_)).value_or("");
+  close(file_);
   return out;
 }
 
@@ -129,69 +125,52 @@ void WriteScript(const std::string& bin_dir, const std::string& name, const std:
 
 RunResult RunProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
                      const std::string& cwd, int timeout_s) {
-  RunResult result;
-  int out_pipe[2], err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-  std::vector<std::string> env_strings;
-  for (const auto& [k, v] : env) env_strings.push_back(k + "=" + v);
-  std::vector<char*> envp, args;
-  for (auto& s : env_strings) envp.push_back(s.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> argv_copy = argv;
-  for (auto& s : argv_copy) args.push_back(s.data());
+  std::vector<std::string> texts = argv;
+  for (const auto& [k, v] : env)
+    texts.push_back(k + "=" + v);
+  std::vector<char*> args, envp;
+  for (size_t i = 0; i < texts.size(); ++i)
+    (i < argv.size() ? args : envp).push_back(texts[i].data());
   args.push_back(nullptr);
+  envp.push_back(nullptr);
+  // The outputs go to unnamed files rather than pipes, so that a descendant
+  // still holding them open cannot keep the wait going.
+  auto unnamed = [] { return fdopen(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600), "w+"); };
+  std::unique_ptr<FILE, int (*)(FILE*)> out(unnamed(), std::fclose), err(unnamed(), std::fclose);
+  if (!out || !err)
+    throw std::runtime_error("tmpfile");
   std::fflush(nullptr);
   pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork");
+  if (pid < 0)
+    throw std::runtime_error("fork");
   if (pid == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    if (devnull >= 0) dup2(devnull, 0);
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    if (chdir(cwd.c_str()) != 0) _exit(126);
+    int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (devnull < 0 || dup2(devnull, 0) < 0 || dup2(fileno(out.get()), 1) < 0 ||
+        dup2(fileno(err.get()), 2) < 0 || chdir(cwd.c_str()) != 0)
+      _exit(126);
     execve(args[0], args.data(), envp.data());
     _exit(127);
   }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
+  RunResult result;
+  int status = 0;
+  bool killed = false;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
-  bool open_out = true, open_err = true, killed = false;
-  while (open_out || open_err) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-    if (left <= 0) {
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if ((killed = std::chrono::steady_clock::now() > deadline)) {
       kill(pid, SIGKILL);
-      killed = true;
+      waitpid(pid, &status, 0);
       break;
     }
-    pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-    if (!open_out) fds[0].fd = -1;
-    if (!open_err) fds[1].fd = -1;
-    int n = poll(fds, 2, static_cast<int>(std::min<long long>(left, 1000)));
-    if (n < 0 && errno != EINTR) break;
-    char buf[65536];
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd >= 0 && (fds[i].revents & (POLLIN | POLLHUP | POLLERR))) {
-        ssize_t r = read(fds[i].fd, buf, sizeof buf);
-        if (r > 0) {
-          (i == 0 ? result.out : result.err).append(buf, static_cast<size_t>(r));
-        } else if (r == 0 || errno != EINTR) {
-          (i == 0 ? open_out : open_err) = false;
-        }
-      }
-    }
+    poll(nullptr, 0, 10);
   }
-  close(out_pipe[0]);
-  close(err_pipe[0]);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (killed) {
+  if (killed)
     result.status = 124;
-  } else if (WIFEXITED(status)) {
+  else if (WIFEXITED(status))
     result.status = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
+  else if (WIFSIGNALED(status))
     result.status = 128 + WTERMSIG(status);
-  }
+  result.out = ReadFile("/proc/self/fd/" + std::to_string(fileno(out.get()))).value_or("");
+  result.err = ReadFile("/proc/self/fd/" + std::to_string(fileno(err.get()))).value_or("");
   return result;
 }
 

@@ -59,8 +59,7 @@ class CaptureStdout {
   std::string Take();  // stops capturing and returns what was written
 
  private:
-  int fd_, saved_fd_ = -1;
-  std::string file_;
+  int fd_, saved_fd_ = -1, file_ = -1;
   bool done_ = false;
 };
 
