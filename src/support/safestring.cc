@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -31,17 +32,29 @@ size_t CheckedAdd(size_t a, size_t b) {
   return a + b;
 }
 
+// Flag bits of the capacity word of a block an arena holds. No heap block
+// comes near these sizes (the allocation would fail first).
+constexpr uint64_t kHeldBit = uint64_t{1} << 63;
+constexpr uint64_t kSharedBit = uint64_t{1} << 62;
+constexpr uint64_t kCapacityMask = kSharedBit - 1;
+
 char* BlockStart(const char* p) { return const_cast<char*>(p) - kHeader; }
 
 void StoreCapacity(char* p, uint64_t capacity) {
   std::memcpy(p - sizeof capacity, &capacity, sizeof capacity);
 }
 
-uint64_t LoadCapacity(const char* p) {
-  uint64_t capacity = 0;
-  std::memcpy(&capacity, p - sizeof capacity, sizeof capacity);
-  return capacity;
+uint64_t LoadWord(const char* p) {
+  uint64_t word = 0;
+  std::memcpy(&word, p - sizeof word, sizeof word);
+  return word;
 }
+
+uint64_t LoadCapacity(const char* p) { return LoadWord(p) & kCapacityMask; }
+
+bool Held(const char* p) { return (LoadWord(p) & kHeldBit) != 0; }
+
+bool Shared(const char* p) { return (LoadWord(p) & kSharedBit) != 0; }
 
 // A zero-filled block with room for `bytes` payload bytes and the capacity
 // word set to `capacity`.
@@ -68,7 +81,7 @@ char* NewSafeBlock(size_t capacity, size_t spare) {
 void* tmalloc(size_t size) { return NewBlock(size, size); }
 
 void tfree(void* block) {
-  if (block != nullptr) {
+  if (block != nullptr && !Held(static_cast<const char*>(block))) {
     std::free(BlockStart(static_cast<const char*>(block)));
   }
 }
@@ -95,7 +108,10 @@ void safe_cpy(char** s, const char* text) {
     *s = fresh;
     return;
   }
-  if (LoadCapacity(*s) < len) {
+  if (Shared(*s) && std::strcmp(*s, text) == 0) {
+    return;  // nothing would change
+  }
+  if (Shared(*s) || LoadCapacity(*s) < len) {
     char* fresh = NewSafeBlock(len, 0);
     std::memcpy(fresh, text, len + 1);
     safe_free(s);
@@ -119,9 +135,12 @@ void safe_cat(char** s, const char* text) {
     *s = fresh;
     return;
   }
+  if (add == 0) {
+    return;  // nothing would change
+  }
   const size_t have = std::strlen(*s);
   const size_t want = CheckedAdd(have, add);
-  if (want > LoadCapacity(*s)) {
+  if (Shared(*s) || want > LoadCapacity(*s)) {
     // One spare byte beyond the terminator, as the old allocator kept.
     char* fresh = NewSafeBlock(want, 1);
     std::memcpy(fresh, *s, have);
@@ -137,9 +156,128 @@ void safe_cat(char** s, const char* text) {
 
 void safe_free(char** s) {
   if (s != nullptr && *s != nullptr) {
-    std::free(BlockStart(*s));
+    if (!Held(*s)) {
+      std::free(BlockStart(*s));
+    }
     *s = nullptr;
   }
+}
+
+// --- Arenas ---
+
+// Chunks are chained newest first. The first is small, so that a tree of a
+// few records costs little; each next one doubles up to kMaxChunk. A block
+// larger than that gets a chunk of its own size.
+struct ArenaChunk {
+  ArenaChunk* next;
+};
+
+struct TextArena {
+  ArenaChunk* chunks = nullptr;
+  char* cursor = nullptr;  // first free byte of the newest chunk
+  char* end = nullptr;
+  size_t next_size = 0;
+  // Shared texts handed out lately, reused for an equal text.
+  static constexpr size_t kRecent = 4;
+  char* recent[kRecent] = {};
+  size_t next_recent = 0;
+};
+
+namespace {
+
+constexpr size_t kFirstChunk = 4096;
+constexpr size_t kMaxChunk = size_t{1} << 20;
+constexpr size_t kChunkHeader = alignof(std::max_align_t);
+constexpr size_t kWord = sizeof(uint64_t);
+
+static_assert(sizeof(ArenaChunk) <= kChunkHeader);
+
+char* AlignUp(char* p, size_t align) {
+  auto at = reinterpret_cast<uintptr_t>(p);
+  return p + ((align - at % align) % align);
+}
+
+// Room for a capacity word and `bytes` payload bytes with the payload
+// aligned to `align`; returns the payload (zero-filled: chunks come zeroed
+// and are never reused).
+char* Take(TextArena* arena, size_t bytes, size_t align) {
+  const size_t need = CheckedAdd(CheckedAdd(bytes, kWord), align);
+  if (arena->cursor == nullptr || static_cast<size_t>(arena->end - arena->cursor) < need) {
+    size_t size = arena->next_size == 0 ? kFirstChunk : arena->next_size;
+    arena->next_size = size < kMaxChunk ? size * 2 : kMaxChunk;
+    if (size - kChunkHeader < need) {
+      size = CheckedAdd(need, kChunkHeader);
+    }
+    void* raw = std::calloc(1, size);
+    if (raw == nullptr) {
+      OutOfMemory();
+    }
+    auto* chunk = static_cast<ArenaChunk*>(raw);
+    chunk->next = arena->chunks;
+    arena->chunks = chunk;
+    arena->cursor = static_cast<char*>(raw) + kChunkHeader;
+    arena->end = static_cast<char*>(raw) + size;
+  }
+  char* payload = AlignUp(arena->cursor + kWord, align);
+  arena->cursor = payload + bytes;
+  return payload;
+}
+
+char* HeldText(TextArena* arena, const char* text, size_t capacity, uint64_t flags) {
+  const size_t len = std::strlen(text);
+  if (capacity < len) {
+    capacity = len;
+  }
+  char* p = Take(arena, CheckedAdd(capacity, 1), 1);
+  std::memcpy(p, text, len);
+  StoreCapacity(p, capacity | kHeldBit | flags);
+  return p;
+}
+
+}  // namespace
+
+TextArena* NewArena() {
+  void* raw = std::calloc(1, sizeof(TextArena));
+  if (raw == nullptr) {
+    OutOfMemory();
+  }
+  return new (raw) TextArena;
+}
+
+void FreeArena(TextArena* arena) {
+  if (arena == nullptr) {
+    return;
+  }
+  for (ArenaChunk* chunk = arena->chunks; chunk != nullptr;) {
+    ArenaChunk* next = chunk->next;
+    std::free(chunk);
+    chunk = next;
+  }
+  arena->~TextArena();
+  std::free(arena);
+}
+
+void* ArenaBlock(TextArena* arena, size_t size) {
+  char* p = Take(arena, size, alignof(uint64_t) > alignof(void*) ? alignof(uint64_t)
+                                                                    : alignof(void*));
+  StoreCapacity(p, size | kHeldBit);
+  return p;
+}
+
+char* ArenaText(TextArena* arena, const char* text, size_t capacity) {
+  return HeldText(arena, text, capacity, 0);
+}
+
+char* ArenaSharedText(TextArena* arena, const char* text) {
+  for (char* known : arena->recent) {
+    if (known != nullptr && std::strcmp(known, text) == 0) {
+      return known;
+    }
+  }
+  char* p = HeldText(arena, text, 0, kSharedBit);
+  arena->recent[arena->next_recent] = p;
+  arena->next_recent = (arena->next_recent + 1) % TextArena::kRecent;
+  return p;
 }
 
 // --- Growable string holder ---

@@ -165,6 +165,49 @@ TEST(SafeString, CapacityAndGrowth) {
   EXPECT_EQ(safe_capacity(nullptr), 0u);
 }
 
+// Held texts live until their arena goes; the sanitizer build checks that no
+// call below frees one or writes outside it.
+TEST(SafeString, ArenaTextsAreWrittenInPlaceOrCopiedOut) {
+  TextArena* arena = NewArena();
+  char* own = ArenaText(arena, "ab", 4);
+  char* const first = own;
+  EXPECT_EQ(safe_capacity(own), 4u);
+  safe_cat(&own, "cd");  // fits: in place
+  EXPECT_EQ(own, first);
+  safe_cpy(&own, "abcde");  // does not: a heap block of exactly the text
+  EXPECT_NE(own, first);
+  EXPECT_EQ(safe_capacity(own), 5u);
+  EXPECT_STREQ(first, "abcd");
+  safe_free(&own);
+
+  char* shared = ArenaSharedText(arena, "/root");
+  EXPECT_EQ(ArenaSharedText(arena, "/root"), shared);
+  EXPECT_EQ(safe_capacity(shared), 5u);
+  char* field = shared;
+  safe_cpy(&field, "/root");  // the same text: nothing to do
+  safe_cat(&field, "");
+  EXPECT_EQ(field, shared);
+  safe_cpy(&field, "/r");  // never written in place
+  EXPECT_STREQ(shared, "/root");
+  EXPECT_STREQ(field, "/r");
+  safe_free(&field);
+  field = shared;
+  safe_cat(&field, "/x");
+  EXPECT_STREQ(shared, "/root");
+  EXPECT_STREQ(field, "/root/x");
+  safe_free(&field);
+  field = shared;
+  safe_free(&field);  // forgets it only
+  EXPECT_EQ(field, nullptr);
+
+  auto* block = static_cast<char*>(ArenaBlock(arena, 100000));  // beyond a chunk
+  EXPECT_EQ(std::string(block, 100000), std::string(100000, '\0'));
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(void*), 0u);
+  tfree(block);
+  FreeArena(arena);
+  FreeArena(nullptr);
+}
+
 TEST(StringHolder, RegrowsWhenCapacityIsNotGreater) {
   StringHolder h{nullptr, 0};
   std::string trace;
