@@ -98,6 +98,7 @@ struct BintreeIndex {
   // The full index, made once a shape turns out to be costly to descend.
   std::unique_ptr<DeepIndex> deep;
   bool owns_head = false;
+  TextArena* arena = nullptr;  // records and texts of NewBintreeRecord & co.
 };
 
 
@@ -549,6 +550,31 @@ void* InitBintreeNode(int16_t size) {
   return tmalloc(bytes);
 }
 
+namespace {
+
+TextArena* Arena(Bintree* tree) {
+  if (tree->index->arena == nullptr) {
+    tree->index->arena = NewArena();
+  }
+  return tree->index->arena;
+}
+
+}  // namespace
+
+void* NewBintreeRecord(Bintree* tree, int16_t size) {
+  size_t bytes = size < static_cast<int16_t>(sizeof(BintreeNode)) ? sizeof(BintreeNode)
+                                                                  : static_cast<size_t>(size);
+  return ArenaBlock(Arena(tree), bytes);
+}
+
+char* BintreeText(Bintree* tree, const char* text, size_t capacity) {
+  return ArenaText(Arena(tree), text != nullptr ? text : "", capacity);
+}
+
+char* BintreeSharedText(Bintree* tree, const char* text) {
+  return ArenaSharedText(Arena(tree), text != nullptr ? text : "");
+}
+
 int InsBintree(Bintree* tree, void* record) { return InsBintreeFrom(tree, nullptr, record); }
 
 int InsBintreeFrom(Bintree* tree, void* hint, void* record) {
@@ -663,6 +689,26 @@ int WalkWildCardBintree(Bintree* tree, BintreeVisit4 visit, void* a1, void* a2, 
   return WalkInOrder(tree, [&](BintreeNode* node, uint32_t) { visit(node, a1, a2, a3, a4); });
 }
 
+BintreeCursor::BintreeCursor(Bintree* tree)
+    : node_(tree != nullptr ? Root(tree) : nullptr) {}
+
+void* BintreeCursor::Next() {
+  try {
+    for (; node_ != nullptr; node_ = node_->lesser) {
+      pending_.push_back(node_);
+    }
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
+  }
+  if (pending_.empty()) {
+    return nullptr;
+  }
+  BintreeNode* next = pending_.back();
+  pending_.pop_back();
+  node_ = next->greater;
+  return next;
+}
+
 int WalkDepBintree(Bintree* tree, BintreeVisit8 visit, void* a1, void* a2, void* a3, void* a4,
                    void* a5, void* a6, int32_t a7, void* a8) {
   if (tree == nullptr || visit == nullptr || Root(tree) == nullptr) {
@@ -731,6 +777,7 @@ void DestroyBintree(Bintree* tree, BintreeRelease release) {
   if (index->owns_head) {
     tfree(tree->head);
   }
+  FreeArena(index->arena);
   delete index;
   tfree(tree);
 }

@@ -20,9 +20,11 @@
 //   (so ascending lookups cost O(1) each); a shape that makes a descent long
 //   switches the tree to a full ordered index. None of this changes where a
 //   record is linked.
-// - The tree owns nothing: DestroyBintree frees the records (after the
-//   caller's release function) and the Bintree itself, the caller frees the
-//   head record.
+// - The tree owns nothing but its arena: DestroyBintree frees the records
+//   (after the caller's release function), the records and texts made from
+//   the tree's arena (NewBintreeRecord, BintreeText, BintreeSharedText) all
+//   at once, and the Bintree itself; the caller frees the head record.
+// - Trees share no state: different threads may each work on their own tree.
 // - No operation recurses: walks use explicit heap stacks, so a chain of any
 //   length is safe, and no operation's cost grows with the tree's height.
 // - The comparator must order keys consistently (a total order on key texts)
@@ -33,7 +35,9 @@
 //   and ends the process with status 1, as tmalloc does.
 // - Single-threaded: no locks.
 
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 struct BintreeNode {
   BintreeNode* greater;  // keys greater than this one (and equal ones, when allowed)
@@ -74,6 +78,23 @@ Bintree* NewBintree(void* head, BintreeCompare compare, int32_t allowDuplicates,
 // or one smaller than BintreeNode, yields a zeroed record of exactly
 // sizeof(BintreeNode) bytes, so the links and the key can always be written.
 void* InitBintreeNode(int16_t size);
+
+// Records and texts from the tree's arena, made when first needed and
+// released at once by DestroyBintree: far less memory than a heap block per
+// record and text, and no free per block. Such a record may be linked into
+// this tree only; tfree and safe_free leave arena blocks alone, so the usual
+// release function (which frees texts a later safe_cpy moved to the heap)
+// still serves. Not for the head record.
+// A zero-filled record of `size` bytes as InitBintreeNode makes it, aligned
+// for pointers and 64-bit numbers.
+void* NewBintreeRecord(Bintree* tree, int16_t size);
+// A safe string holding text with capacity max(strlen(text), capacity),
+// written in place by safe_cpy while the new text fits.
+char* BintreeText(Bintree* tree, const char* text, size_t capacity = 0);
+// A shared safe string holding text: equal texts asked for in a row (such as
+// every record's module root) get one block. Never written: safe_cpy and
+// safe_cat give the record a heap copy first.
+char* BintreeSharedText(Bintree* tree, const char* text);
 
 // Link `record` where the descent from the root puts it: smaller keys to
 // `lesser`, greater (and, when allowed, equal) keys to `greater`.
@@ -123,6 +144,20 @@ int WalkBintree(Bintree* tree, BintreeVisit visit, void* arg);
 // The same order as WalkBintree, with four pass-through arguments and no
 // depth. -1 for an empty tree, else 0.
 int WalkWildCardBintree(Bintree* tree, BintreeVisit4 visit, void* a1, void* a2, void* a3, void* a4);
+
+// The records in walk order one at a time, so that two trees can be walked
+// side by side (one merge of two ascending sequences). The tree must not
+// change while the cursor is in use. Null is an empty tree.
+class BintreeCursor {
+ public:
+  explicit BintreeCursor(Bintree* tree);
+  // The next record, or null after the last.
+  void* Next();
+
+ private:
+  std::vector<BintreeNode*> pending_;  // records whose greater side is still to come
+  BintreeNode* node_;                  // the next subtree to descend, or null
+};
 
 // Post-order walk: a record's lesser subtree, then its greater subtree, then
 // the record; children always come before their parent and the root last.

@@ -241,6 +241,26 @@ TEST(BintreeReference, SameLinksAsThePlainDescent) {
 }
 
 // A descent begun at a record on the path links where the plain one does.
+// Records and texts from the tree's arena link like any others and go with
+// the tree; the release function still frees a text moved to the heap.
+TEST(BintreeArena, RecordsAndTextsGoWithTheTree) {
+  Rec* head = NewRec("", -1);
+  Bintree* tree = NewBintree(head, CompareFunc, 0, sizeof(Rec));
+  for (const char* key : {"m", "c", "x", "c"}) {
+    auto* rec = AsRec(NewBintreeRecord(tree, sizeof(Rec)));
+    rec->key = BintreeText(tree, key);
+    if (InsBintree(tree, rec) != 0) {
+      FreeRec(rec);  // leaves the arena's blocks alone
+    }
+  }
+  safe_cpy(&AsRec(FindKey(tree, "x"))->key, "xyz");  // the heap now holds it
+  char* shared = BintreeSharedText(tree, "s");
+  EXPECT_EQ(BintreeSharedText(tree, "s"), shared);
+  EXPECT_EQ(Shape(head->greater), "(c)m(xyz)");
+  DestroyBintree(tree, FreeRecText);
+  FreeRec(head);
+}
+
 TEST(BintreeInsert, FromARecordOnThePath) {
   TestTree tree(0, "m c x");
   void* c = FindKey(tree.tree, "c");
