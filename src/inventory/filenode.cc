@@ -15,6 +15,16 @@ FileNode* NewFileNode(const char* key) {
   return node;
 }
 
+FileNode* NewFileNodeIn(Bintree* tree, const char* key, const char* dir, const char* name) {
+  auto* node = static_cast<FileNode*>(NewBintreeRecord(tree, static_cast<int16_t>(sizeof(FileNode))));
+  node->path = BintreeText(tree, key);
+  node->dir = BintreeSharedText(tree, dir);
+  node->name = BintreeText(tree, name);
+  node->version = BintreeSharedText(tree, "");
+  node->digest = BintreeText(tree, "", kDigestLength);
+  return node;
+}
+
 void FreeFileNode(void* record) {
   if (!record)
     return;

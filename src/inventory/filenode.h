@@ -3,7 +3,8 @@
 //
 // FileNode and DirNode are plain records made zero-filled by InitBintreeNode
 // and freed with tfree (by DestroyBintree for linked records, by the owner for
-// head records). Their text fields are safe strings (support/strings.h).
+// head records), or made in a tree's arena (NewFileNodeIn) and released with
+// the tree. Their text fields are safe strings (support/strings.h).
 
 #include <cstddef>
 #include <cstdint>
@@ -46,6 +47,15 @@ static_assert(offsetof(DirNode, key) == offsetof(BintreeNode, key));
 // A new record: path = key (or empty for null), the other texts empty,
 // numbers 0, detail zero. Free with FreeFileNode then tfree.
 FileNode* NewFileNode(const char* key);
+// Digest texts hold this many characters (or none).
+inline constexpr size_t kDigestLength = 32;
+// A record from tree's arena (see NewBintreeRecord), not linked: path = key,
+// dir the tree's shared text of dir (the same for every record), name =
+// name, version the shared empty text, digest empty with room for
+// kDigestLength characters (so that storing it takes no allocation), numbers
+// 0. Null texts are taken as "". FreeFileNode then tfree may be called on it
+// as on any record: both leave the arena's blocks alone.
+FileNode* NewFileNodeIn(Bintree* tree, const char* key, const char* dir, const char* name);
 // Release the five texts and zero the record (not its block). Null ignored.
 void FreeFileNode(void* record);
 // Release a DirNode's key and zero it (not its block). Null ignored.

@@ -110,39 +110,44 @@ bool IsHeaderLine(const char* line) {
   return !(IsNumberWord(GetWord(line, ";", 3, 3)) && IsNumberWord(GetWord(line, ";", 4, 4)));
 }
 
-// Fills one record from a record line (already stripped).
-void ParseRecordLine(const char* line, FileNode* node) {
-  std::string path;
+// The fields of one record line, decoded.
+struct RecordLine {
+  std::string words[6];  // dir, name, size, mtime, digest, version
+  int count = 0;         // words read (reading stops at the first empty one)
+  std::string path;      // dir + "/" + name, "/" for "\\"; empty without a name
+};
+
+// Splits a record line (already stripped) into its fields.
+void ParseRecordLine(const char* line, RecordLine* record) {
+  record->count = 0;
   for (int i = 1; i <= 6; ++i) {
-    std::string word = GetWord(line, ";", i, i);
+    std::string& word = record->words[i - 1];
+    word = GetWord(line, ";", i, i);
     if (word.empty())
       break;
     StripChar(word, " ", 2);
     word = DecodeField(word);
-    switch (i) {
-      case 1:
-        safe_cpy(&node->dir, word.c_str());
-        break;
-      case 2:
-        safe_cpy(&node->name, word.c_str());
-        path.assign(node->dir).append("/").append(node->name);
-        ReplaceSlash(path);
-        safe_cpy(&node->path, path.c_str());
-        break;
-      case 3:
-        node->size = ParseNumber(word);
-        break;
-      case 4:
-        node->mtime = ParseNumber(word);
-        break;
-      case 5:
-        safe_cpy(&node->digest, word.c_str());
-        break;
-      default:
-        safe_cpy(&node->version, word.c_str());
-        break;
-    }
+    record->count = i;
   }
+  for (int i = record->count; i < 6; ++i)
+    record->words[i].clear();
+  record->path.clear();
+  if (record->count >= 2) {
+    record->path.assign(record->words[0]).append("/").append(record->words[1]);
+    ReplaceSlash(record->path);
+  }
+}
+
+// The record of a parsed line, made in tree's arena. The module root and the
+// version are mostly the same for every line and are shared.
+FileNode* MakeRecord(Bintree* tree, const RecordLine& record) {
+  FileNode* node =
+      NewFileNodeIn(tree, record.path.c_str(), record.words[0].c_str(), record.words[1].c_str());
+  node->size = ParseNumber(record.words[2]);
+  node->mtime = ParseNumber(record.words[3]);
+  node->digest = BintreeText(tree, record.words[4].c_str());
+  node->version = BintreeSharedText(tree, record.words[5].c_str());
+  return node;
 }
 
 // True when the inventory `name` records work_dir as its root before any
@@ -255,16 +260,14 @@ FILE* OpenInventory(const char* fileName) {
 
 void ReadInventory(Bintree* tree, FILE* stream) {
   std::string text;
+  RecordLine record;
   while (ReadRecordLine(stream, text)) {
     const char* line = StripChar(text, "\n\r ", 1).c_str();
     if (IsHeaderLine(line))
       continue;
-    FileNode* node = NewFileNode(nullptr);
-    ParseRecordLine(line, node);
-    if (InsBintree(tree, node) != 0) {
-      FreeFileNode(node);
-      tfree(node);
-    }
+    ParseRecordLine(line, &record);
+    // A refused record (its key is there already) stays unused in the arena.
+    (void)InsBintree(tree, MakeRecord(tree, record));
   }
 }
 

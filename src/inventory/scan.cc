@@ -50,17 +50,13 @@ std::string Slashed(const std::string& name) {
 // record is then released).
 FileNode* LinkRecord(Bintree* tree, const char* rootDir, const std::string& full,
                      BintreeNode* hint = nullptr) {
-  FileNode* node = NewFileNode(full.c_str());
-  if (InsBintreeFrom(tree, hint, node) != 0) {
-    FreeFileNode(node);
-    tfree(node);
-    return nullptr;
-  }
-  safe_cpy(&node->dir, rootDir);
   // The name is what follows the root and its "/". The scan always passes a
   // curDir below rootDir; for anything else the name stays empty.
   size_t skip = std::strlen(rootDir) + 1;
-  safe_cpy(&node->name, full.size() > skip ? full.c_str() + skip : "");
+  FileNode* node =
+      NewFileNodeIn(tree, full.c_str(), rootDir, full.size() > skip ? full.c_str() + skip : "");
+  if (InsBintreeFrom(tree, hint, node) != 0)
+    return nullptr;  // the record stays in the tree's arena, unused
   return node;
 }
 
