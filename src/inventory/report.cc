@@ -20,6 +20,31 @@ bool Changed(const FileNode* current, const FileNode* earlier) {
   return false;
 }
 
+// Calls visit(record, match) for every record of `walked` in walk order,
+// match being the first record of `other` in walk order with an equal key,
+// or null. With one comparator for both trees, both are walked side by side
+// in ascending order: `other` only ever moves forward.
+template <typename Visit>
+void Compare(Bintree* walked, Bintree* other, Visit visit) {
+  if (walked == nullptr)
+    return;
+  if (other != nullptr && other->compare != walked->compare) {
+    BintreeCursor records(walked);
+    while (auto* node = static_cast<FileNode*>(records.Next()))
+      visit(node, static_cast<FileNode*>(FindKey(other, node->path)));
+    return;
+  }
+  BintreeCursor records(walked);
+  BintreeCursor others(other);
+  auto* candidate = static_cast<FileNode*>(others.Next());
+  while (auto* node = static_cast<FileNode*>(records.Next())) {
+    // compare(probe, record) as a lookup in `other` would call it.
+    while (candidate && walked->compare(node, candidate) > 0)
+      candidate = static_cast<FileNode*>(others.Next());
+    visit(node, candidate && walked->compare(node, candidate) == 0 ? candidate : nullptr);
+  }
+}
+
 }  // namespace
 
 void WriteChangeReport(const ChangeReport& report) {
@@ -31,31 +56,19 @@ void WriteChangeReport(const ChangeReport& report) {
   std::fprintf(out, "BuildLabel=%s\n", report.build_label);
   if (report.build_number)
     std::fprintf(out, "BuildNumber=%s\n", report.build_number);
-  auto* arg = const_cast<ChangeReport*>(&report);
   std::puts(kDeletedProgress);
-  WalkBintree(report.before, Deleted, arg);
+  Compare(report.before, report.now, [&](FileNode* node, FileNode* now) {
+    if (!now)
+      WriteRecordLine(out, kDeletedFormat, node);
+  });
   std::puts(kAddedProgress);
-  WalkBintree(report.now, AddedAndChanged, arg);
-}
-
-int Deleted(void* record, uint32_t /*depth*/, void* arg) {
-  auto* node = static_cast<FileNode*>(record);
-  const auto* report = static_cast<const ChangeReport*>(arg);
-  if (!FindKey(report->now, node->path))
-    WriteRecordLine(report->stream, kDeletedFormat, node);
-  return 0;
-}
-
-int AddedAndChanged(void* record, uint32_t /*depth*/, void* arg) {
-  auto* node = static_cast<FileNode*>(record);
-  const auto* report = static_cast<const ChangeReport*>(arg);
-  auto* earlier = static_cast<FileNode*>(FindKey(report->before, node->path));
-  if (!earlier) {
-    WriteRecordLine(report->stream, kAddedFormat, node);
-  } else if (Changed(node, earlier)) {
-    WriteRecordLine(report->stream, kChangedFormat, node);
-    if (report->detail)
-      report->detail(report->detail_context, report->stream, node, earlier);
-  }
-  return 0;
+  Compare(report.now, report.before, [&](FileNode* node, FileNode* earlier) {
+    if (!earlier) {
+      WriteRecordLine(out, kAddedFormat, node);
+    } else if (Changed(node, earlier)) {
+      WriteRecordLine(out, kChangedFormat, node);
+      if (report.detail)
+        report.detail(report.detail_context, out, node, earlier);
+    }
+  });
 }

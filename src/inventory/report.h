@@ -37,16 +37,13 @@ struct ChangeReport {
   void* detail_context = nullptr;       // handed to the detail writer
 };
 
-// Writes the header, prints "Determining Deleted Files", writes the deleted
-// records (walk of `before`), prints "Determining Added and Changed Files"
-// and writes the added and changed records (walk of `now`).
+// Writes the header, prints "Determining Deleted Files", writes the "D"
+// line of every record of `before` (in walk order) whose path is not in
+// `now`, prints "Determining Added and Changed Files", then for every record
+// of `now` in walk order writes the "A" line when its path is not in
+// `before`, or the "C" line (current values) of a changed one followed by its
+// detail block. A path found in a tree with several equal keys stands for the
+// first of them in walk order. Each pass is one merge of the two trees in
+// ascending order (when both use the same comparator; otherwise each record
+// is looked up).
 void WriteChangeReport(const ChangeReport& report);
-
-// WalkBintree visitor over report.before; arg is the ChangeReport. Writes the
-// "D" line of a record whose path is not in report.now. Returns 0.
-int Deleted(void* record, uint32_t depth, void* arg);
-// WalkBintree visitor over report.now; arg is the ChangeReport. Writes the
-// "A" line of a record whose path is not in report.before, or the "C" line
-// (with the current values) of a changed one followed by its detail block.
-// Returns 0.
-int AddedAndChanged(void* record, uint32_t depth, void* arg);

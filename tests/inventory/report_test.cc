@@ -68,6 +68,18 @@ TEST(Report, TheComparisonRule) {
   }
 }
 
+// Deleted lines first, then added and changed ones, each in key order.
+TEST(Report, BothPassesInKeyOrder) {
+  ScopedFileTree before, now;
+  for (const char* name : {"e", "a", "c", "d"})
+    before.Add("/w", name, 1, kA, "");
+  for (const char* name : {"f", "c", "b", "e"})
+    now.Add("/w", name, 2, name[0] == 'e' ? kB : kA, "");
+  EXPECT_EQ(Report(before, now), "D;/w;a;1;1; " + kA + "; ;\nD;/w;d;1;1; " + kA +
+                                     "; ;\nA;/w;b;2;2; " + kA + "; ;\nC;/w;e;2;2; " + kB +
+                                     "; ;\ndetail 16 /w/e /w/e\nA;/w;f;2;2; " + kA + "; ;\n");
+}
+
 TEST(Report, LinesEscapeWhatTheirFieldsCannotHold) {
   ScopedFileTree before, now;
   before.Add("/w", " gone;", 1, kA, "");
