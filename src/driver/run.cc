@@ -121,6 +121,16 @@ class RunResources {
 
   void Release() {
     CleanConfigEnv();
+    ReleaseTrees();
+    for (char** s : {&MachineLabel, &JobDateTime, &LogOwner, &TaskName, &BuildNumber,
+                     &PublicBuildJob, &SCMTypeStr, &User, &Password}) {
+      safe_free(s);
+    }
+  }
+
+  // The trees are done with once both outputs are written; releasing them
+  // then keeps them from adding to the memory the upload takes.
+  void ReleaseTrees() {
     DestroyBintree(DirTree, FreeBNode);
     DirTree = nullptr;
     FreeBNode(dir_head_);
@@ -136,10 +146,6 @@ class RunResources {
     FreeFileNode(old_head_);
     tfree(old_head_);
     old_head_ = nullptr;
-    for (char** s : {&MachineLabel, &JobDateTime, &LogOwner, &TaskName, &BuildNumber,
-                     &PublicBuildJob, &SCMTypeStr, &User, &Password}) {
-      safe_free(s);
-    }
   }
 
  private:
@@ -416,6 +422,7 @@ int RunInspection(RunResources& resources) {
   start_dir = ScanBuildDirectory(resources, start_dir, scm, earlier);
   earlier.Finish();
   int status = WriteOutputs(names, scm);
+  resources.ReleaseTrees();
   return status != 0 ? status : TransferOutputs(names);
 }
 
