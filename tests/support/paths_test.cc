@@ -114,16 +114,11 @@ TEST(Pwd, WorksBeyondFourKilobytes) {
   wltest::ScopedCwd cwd(tmp.path());
   std::string expect = GetPwd();
   const std::string step(200, 'd');
-  int depth = 0;
-  for (; depth < 30 && mkdir(step.c_str(), 0700) == 0 && chdir(step.c_str()) == 0; ++depth) {
-    expect += "/" + step;
-  }
-  ASSERT_GT(expect.size(), 4096u);
-  EXPECT_EQ(GetPwd(), expect);
-  for (; depth > 0; --depth) {  // too deep for absolute paths: climb out
-    ASSERT_EQ(chdir(".."), 0);
-    ASSERT_EQ(rmdir(step.c_str()), 0);
-  }
+  for (int depth = 0; depth < 25; ++depth, expect += "/" + step)
+    ASSERT_EQ(mkdir(step.c_str(), 0700) + chdir(step.c_str()), 0);
+  EXPECT_EQ(GetPwd(), expect);  // 25 * 201 bytes more
+  for (int depth = 0; depth < 25; ++depth)  // too deep for absolute paths: climb out
+    ASSERT_EQ(chdir("..") + rmdir(step.c_str()), 0);
 }
 
 TEST(DateTime, LocalTimeMonthFirst) {
