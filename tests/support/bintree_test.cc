@@ -240,7 +240,6 @@ TEST(BintreeReference, SameLinksAsThePlainDescent) {
   }
 }
 
-// A descent begun at a record on the path links where the plain one does.
 // Records and texts from the tree's arena link like any others and go with
 // the tree; the release function still frees a text moved to the heap.
 TEST(BintreeArena, RecordsAndTextsGoWithTheTree) {
@@ -261,6 +260,7 @@ TEST(BintreeArena, RecordsAndTextsGoWithTheTree) {
   FreeRec(head);
 }
 
+// A descent begun at a record on the path links where the plain one does.
 TEST(BintreeInsert, FromARecordOnThePath) {
   TestTree tree(0, "m c x");
   void* c = FindKey(tree.tree, "c");
