@@ -1,7 +1,7 @@
 #pragma once
 // Digests several files at once. Each file still goes through exactly the
 // one-file procedure of inventory/digest.h (same work area, same 1,024-byte
-// pieces); only the transforms of up to eight files are computed side by
+// pieces); only the transforms of up to sixteen files are computed side by
 // side, because a single file's transform chain is too sequential to keep the
 // processor busy. Results are identical to md_filename's.
 //
@@ -40,13 +40,16 @@ class DigestBatch {
   void Step();
   void Finish();
 
-  static constexpr int kLanes = 8;
+  static constexpr int kLanes = 16;
   struct Impl;
 
  private:
   std::unique_ptr<Impl> impl_;
 };
 
-// For tests: run DigestBatch on the portable transform kernel (true), or on
-// the fastest one this processor supports (false, the default).
-void UsePortableDigestKernel(bool portable);
+// The transform kernels DigestBatch can run on.
+enum class DigestKernel { kFastest, kPortable, kAvx2, kAvx512 };
+// For tests: run DigestBatch on `kernel` (kFastest, the fastest one this
+// processor supports, is the default). False, nothing changed, when this
+// processor or build has no such kernel.
+bool UseDigestKernel(DigestKernel kernel);

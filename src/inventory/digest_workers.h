@@ -47,7 +47,7 @@ class DigestWorkers {
   void Finish();
 
   // Files in flight at most; each holds a descriptor.
-  static constexpr size_t kMaxQueued = 64;
+  static constexpr size_t kMaxQueued = 128;
   // Queued files per wake-up of an idle worker (a divisor of kMaxQueued, so
   // that a full queue has always woken one).
   static constexpr size_t kWakeEvery = 8;
