@@ -42,15 +42,21 @@ struct World {
     args.insert(args.end(), more.begin(), more.end());
     return args;
   }
-  // Runs `prefix`, the binary and `args` in the start directory.
+  // Runs `prefix`, the binary and `args` in the start directory with only
+  // HOME, PATH, TZ=UTC, LC_ALL=C, WEFTLANE_SERVER when `server` is set, the
+  // sanitizer settings of this run, and `env`.
   wltest::RunResult Run(const std::vector<std::string>& args, int timeout_s = 30) const {
     std::vector<std::string> argv = prefix;
     argv.push_back(WL_BINARY);
     argv.insert(argv.end(), args.begin(), args.end());
-    auto environment = wltest::ToolEnv(home, server, path);
-    for (const auto& [name, value] : env)
-      environment[name] = value;
-    return wltest::RunProgram(argv, environment, start, timeout_s);
+    std::map<std::string, std::string> all = {{"HOME", home}, {"PATH", path}, {"TZ", "UTC"}, {"LC_ALL", "C"}};
+    if (server)
+      all["WEFTLANE_SERVER"] = *server;
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+      if (const char* value = std::getenv(name))
+        all[name] = value;
+    all.insert(env.begin(), env.end());
+    return wltest::RunProgram(argv, all, start, timeout_s);
   }
   // A file of the start directory, "(missing)" when there is none.
   std::string Out(const std::string& name) const {

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <optional>
 #include <string>
@@ -28,22 +27,12 @@ struct World : e2e::World {
     wltest::WriteFile(build + "/a.c", "abc");
     wltest::WriteFile(build + "/sub/b.c", std::string(3000, 'b'));
   }
-  // Names in the start directory that end in `suffix` or, with a suffix
-  // ending in '-', begin with it.
-  std::vector<std::string> Named(const std::string& suffix) const {
+  // The start directory's temporary files (".wlinspector-..."), or all its other names.
+  std::vector<std::string> Listed(bool temporary) const {
     std::vector<std::string> out;
-    for (const std::string& name : wltest::ListDir(start)) {
-      bool at_start = suffix.back() == '-';
-      if (name.size() > suffix.size() &&
-          name.compare(at_start ? 0 : name.size() - suffix.size(), suffix.size(), suffix) == 0)
+    for (const std::string& name : wltest::ListDir(start))
+      if ((name.rfind(".wlinspector-", 0) == 0) == temporary)
         out.push_back(name);
-    }
-    return out;
-  }
-  std::vector<std::string> Outputs() const {
-    std::vector<std::string> out = Named("-bom.data"), diff = Named("-diff.data");
-    out.insert(out.end(), diff.begin(), diff.end());
-    std::sort(out.begin(), out.end());
     return out;
   }
   // Uploads go to a loopback server whose connections `handler` serves.
@@ -93,7 +82,7 @@ auto UploadErrors(const std::string& error) {
                   "/LogUpload\n" + e + "\n";
     }
     EXPECT_TRUE(Has(r.out, expected + "Complete\n")) << r.out;
-    EXPECT_EQ(f.Outputs().size(), 2u);
+    EXPECT_EQ(f.Listed(false).size(), 2u);
   };
 }
 
@@ -104,7 +93,7 @@ void ExpectPropertyFileIgnored(World& f, const wltest::RunResult& r) {
                         0),
             0u)
       << r.out;
-  EXPECT_EQ(f.Outputs().size(), 2u);
+  EXPECT_EQ(f.Listed(false).size(), 2u);
 }
 
 // The run printed `part`, and its inventory holds both files, a.c with the
@@ -141,7 +130,7 @@ const Fault kFaults[] = {
      [](World& f, const wltest::RunResult& r) {
        EXPECT_TRUE(Has(r.out, "Could not write to " + kStem + "01-bom.data: File too large\n"))
            << r.out;
-       EXPECT_TRUE(f.Outputs().empty());
+       EXPECT_TRUE(f.Listed(false).empty());
      }},
     {"a FIFO as the home property file is named and skipped",
      [](World& f) {
@@ -163,7 +152,7 @@ const Fault kFaults[] = {
      }},
     {"a FIFO named wlsubmit on PATH is not taken for the program",
      [](World& f) { f.Fifo(f.bin + "/wlsubmit"); }, 0,
-     [](World& f, const wltest::RunResult&) { EXPECT_EQ(f.Outputs().size(), 2u); }},
+     [](World& f, const wltest::RunResult&) { EXPECT_EQ(f.Listed(false).size(), 2u); }},
     {"a run that finds its numbers taken meanwhile takes the next ones",
      [](World& f) {
        // The per-file client stands in for a second run that finishes first.
@@ -189,7 +178,7 @@ const Fault kFaults[] = {
      },
      0,
      [](World& f, const wltest::RunResult&) {
-       EXPECT_EQ(f.Outputs(), (std::vector<std::string>{kStem + "01-bom.data", kStem + "01-diff.data",
+       EXPECT_EQ(f.Listed(false), (std::vector<std::string>{kStem + "01-bom.data", kStem + "01-diff.data",
                                                         kStem + "02-bom.data", kStem + "02-diff.data"}));
        std::string both = f.Out(kStem + "01-bom.data") + f.Out(kStem + "02-bom.data");
        EXPECT_TRUE(Has(both, ";a.c;") && Has(both, ";other.c;")) << both;
@@ -246,7 +235,7 @@ const Fault kFaults[] = {
      128 + 9,
      [](World& f, const wltest::RunResult& r) {
        EXPECT_TRUE(Has(r.out, "Determining Added and Changed Files\n")) << r.out;
-       EXPECT_EQ(f.Outputs(), std::vector<std::string>{"job.bom.data-m1-0-bom.data"});
+       EXPECT_EQ(f.Listed(false), std::vector<std::string>{"job.bom.data-m1-0-bom.data"});
      }},
 };
 
@@ -262,7 +251,7 @@ TEST(Faults, EachEndsBoundedNamedAndCompleteOrAbsent) {
     fault.check(f, r);
     // A finished run, failed or not, leaves no temporary file behind.
     if (r.status < 128) {
-      EXPECT_TRUE(f.Named(".wlinspector-").empty());
+      EXPECT_TRUE(f.Listed(true).empty());
     }
   }
 }

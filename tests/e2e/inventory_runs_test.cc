@@ -183,7 +183,7 @@ TEST(InventoryRuns, UnchangedHostileTreeReportsNothingTheSecondTimeForEveryKeywo
 TEST(InventoryRuns, UnchangedHostileSvnWorkspaceReportsNothingTheSecondTime) {
   e2e::World w;
   auto svn = [&](std::vector<std::string> argv, const std::string& cwd) {
-    return wltest::RunProgram(argv, wltest::ToolEnv(w.home, {}, "/usr/bin:/bin"), cwd).status;
+    return wltest::RunProgram(argv, {{"HOME", w.home}, {"PATH", "/usr/bin:/bin"}}, cwd).status;
   };
   ASSERT_EQ(svn({"/usr/bin/svnadmin", "create", w.root + "/repo"}, w.root), 0);
   ASSERT_EQ(svn({"/usr/bin/svn", "checkout", "-q", "file://" + w.root + "/repo", w.build}, w.root), 0);

@@ -1,63 +1,52 @@
 // The binary against real svn and cvs workspaces: versions in the inventory
-// equal the client's, and a file changed between two runs gets the client's
-// history and differences in the change report.
+// are the client's, a file changed between two runs gets the client's
+// history and differences in the change report, and file names with shell
+// characters are data all the way through.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
-#include "testlib/scm_fixtures.h"
+#include "e2e/e2e.h"
+#include "testlib/testlib.h"
 
 namespace {
 
-// Runs sh -c `script` in `cwd`; its output (errors merged), "\1" on failure.
-std::string Sh(const std::string& script, const std::string& cwd) {
-  std::string out;
-  std::fflush(stdout);
-  FILE* p = popen(("cd '" + cwd + "' && { " + script + "\n} 2>&1").c_str(), "r");
-  char buf[4096];
-  while (size_t n = p ? std::fread(buf, 1, sizeof buf, p) : 0)
-    out.append(buf, n);
-  return p && pclose(p) == 0 ? out : "\1";
-}
+using e2e::Has;
+using e2e::kStem;
 
 class ScmClients : public ::testing::Test {
  protected:
-  // Makes a workspace in co_ with `script`, holding a.c (committed twice)
-  // and sub/b.c (once); skipped when `tool` is missing.
+  // Makes the workspace w_.build with `script` run in w_.root; skipped when
+  // `tool` is missing.
   void Make(const std::string& tool, const std::string& script) {
-    if (Sh("command -v " + tool, "/") == "\1")
+    if (Sh("command -v " + tool) != 0)
       GTEST_SKIP() << tool << " not installed";
-    ASSERT_NE(Sh(script, root_), "\1");
+    ASSERT_EQ(Sh(script), 0);
   }
-  void MakeCvs() {
-    const std::string cvs = "cvs -Q -d " + root_ + "/cvsroot ";
-    Make("cvs", cvs + "init && mkdir empty && cd empty && " + cvs +
-                    "import -m init mod vend start && cd .. && " + cvs +
-                    "checkout -d co mod && cd co && echo a > a.c && mkdir sub && cvs -Q add sub "
-                    "&& echo b > sub/b.c && echo x > ./-x.c && echo q > 'q $(touch PWNED).c' && "
-                    "cvs -Q add a.c sub/b.c ./-x.c 'q $(touch PWNED).c' && cvs -Q commit -m one && "
-                    "echo a2 >> a.c && cvs -Q commit -m two");
+  int Sh(const std::string& script) const {
+    return wltest::RunProgram({"/bin/sh", "-c", script}, {{"PATH", "/usr/bin:/bin"}, {"HOME", w_.home}},
+                              w_.root)
+        .status;
   }
-  // Runs the binary on the workspace; returns the run's output and sets
-  // `file` to its numbered output ("bom" or "diff").
+  // Runs the binary with `keyword` and returns its output; `file` gets the
+  // run's numbered output of `kind` ("bom" or "diff").
   std::string Run(const std::string& keyword, const std::string& kind, std::string* file) {
-    wltest::MakeDirs(start_);
-    wltest::RunResult r = wltest::RunTool(
-        {"-c", keyword, "-b", co_, "-lj", "job.bom.data", "-lm", "m", "-ld", "2026-01-02 03:04:05"},
-        wltest::ToolEnv(root_ + "/home", std::string("http://127.0.0.1:1"),
-                        std::string("/usr/bin:/bin")),
-        start_);
+    wltest::MakeDirs(w_.start);
+    wltest::RunResult r = w_.Run(w_.Job({"-c", keyword}));
     EXPECT_EQ(r.status, 0) << r.out;
-    char name[64];
-    std::snprintf(name, sizeof name, "/job.bom.data-m-2026-01-02 03_04_05-%02d-", ++runs_);
-    *file = wltest::ReadFile(start_ + name + kind + ".data").value_or("");
+    const std::string number = "0" + std::to_string(++runs_);  // the report is always the first
+    *file = w_.Out(kStem + (kind == "bom" ? number : "01") + "-" + kind + ".data");
+    // The report's name holds ".bom.data" too; left, it could hide the
+    // inventory from the next run.
+    unlink((w_.start + "/" + kStem + "01-diff.data").c_str());
     return r.out;
   }
   // Field `k` (0: dir) of the record line for `rel`, leading blanks dropped.
   std::string Field(const std::string& text, const std::string& rel, int k) const {
-    size_t at = text.find("\n" + co_ + ";" + rel + ";");
+    size_t at = text.find("\n" + w_.build + ";" + rel + ";");
     std::string line =
         at == std::string::npos ? "" : text.substr(at + 1, text.find('\n', at + 1) - at - 1);
     for (int i = 0; i < k; ++i)
@@ -65,32 +54,30 @@ class ScmClients : public ::testing::Test {
     line.erase(0, line.find_first_not_of(' '));
     return line.substr(0, line.find(';'));
   }
-  // The detail block after the "C;" record of `rel`, up to its separator.
-  std::string Block(const std::string& report, const std::string& rel) const {
-    size_t at = report.find("\nC;" + co_ + ";" + rel + ";");
+  // The detail block after the "C;" record of `rel`, up to its separator,
+  // holds every one of `parts`.
+  void ExpectBlock(const std::string& report, const std::string& rel,
+                   const std::vector<std::string>& parts) const {
+    size_t at = report.find("\nC;" + w_.build + ";" + rel + ";");
     size_t end = at == std::string::npos ? at : report.find(std::string(22, '!') + "\n", at);
-    return end == std::string::npos ? "" : report.substr(at, end - at);
+    const std::string block = end == std::string::npos ? "" : report.substr(at, end - at);
+    for (const std::string& part : parts)
+      EXPECT_TRUE(Has(block, part)) << rel << ": " << part << "\n" << report;
   }
-  // The client's own revision of `rel`.
-  std::string Revision(const std::string& cmd, const std::string& rel) {
-    std::string out = Sh(cmd + " '" + rel + "'", co_);
-    size_t at = out.find("Working revision:");
-    out = at == std::string::npos ? out : out.substr(at + 17);
-    out.erase(0, out.find_first_not_of(" \t"));
-    return out.substr(0, out.find_first_of(" \t\n"));
+  void ExpectNothingRanAsShellText() const {
+    for (const std::string& where : {w_.start, w_.build, w_.root})
+      EXPECT_FALSE(wltest::ReadFile(where + "/PWNED").has_value()) << where;
   }
 
-  wltest::TempDir dir_;
-  std::string root_ = wltest::RealDir(dir_.path()), co_ = root_ + "/co", start_ = root_ + "/start";
+  e2e::World w_;
   int runs_ = 0;
 };
 
-// File names with shell characters are data all the way through.
 TEST_F(ScmClients, Svn) {
   const std::vector<std::string> changed = {"a.c", "$(touch PWNED).c", "q\"uote.c",
                                             "back`touch PWNED`tick.c"};
-  Make("svnadmin", "svnadmin create repo && svn checkout -q file://" + root_ +
-                       "/repo co && cd co && echo a > a.c && mkdir sub && echo b > sub/b.c && "
+  Make("svnadmin", "svnadmin create repo && svn checkout -q file://" + w_.root +
+                       "/repo build && cd build && echo a > a.c && mkdir sub && echo b > sub/b.c && "
                        "svn add -q a.c sub && svn commit -q -m one && echo a2 >> a.c && "
                        "svn commit -q -m two && for n in '$(touch PWNED).c' 'q\"uote.c' "
                        "'back`touch PWNED`tick.c'; do echo v1 > \"$n\"; svn add -q -- \"$n\"; "
@@ -98,86 +85,70 @@ TEST_F(ScmClients, Svn) {
   if (IsSkipped() || HasFatalFailure())
     return;
   std::string bom, diff;
-  EXPECT_NE(Run("SVN", "bom", &bom).find("Executing: svn info -R 2>&1\n"), std::string::npos);
-  EXPECT_EQ(Field(bom, "sub/b.c", 5), Revision("svn info --show-item revision", "sub/b.c"));
+  EXPECT_TRUE(Has(Run("SVN", "bom", &bom), "Executing: svn info -R 2>&1\n"));
+  EXPECT_EQ(Field(bom, "sub/b.c", 5), "3");  // the working revision after the update
   for (const auto& rel : changed) {
-    EXPECT_EQ(Field(bom, rel, 5), Revision("svn info --show-item revision", rel)) << bom;
-    wltest::WriteFile(co_ + "/" + rel, "v2\n");
+    EXPECT_EQ(Field(bom, rel, 5), "3") << bom;
+    wltest::WriteFile(w_.build + "/" + rel, "v2\n");
   }
-  EXPECT_EQ(Field(bom, "a.c", 5), "3");
-  const std::string path = co_ + "/a.c";
-  EXPECT_NE(Run("SVN", "diff", &diff)
-                .find("Executing: svn info \"" + path +
-                      "\" 2>&1\nRunning svn "
-                      "diff --revision 3 \"" +
-                      path + "\" 2>&1\n"),
-            std::string::npos);
+  const std::string path = w_.build + "/a.c";
+  EXPECT_TRUE(Has(Run("SVN", "diff", &diff), "Executing: svn info \"" + path +
+                                                 "\" 2>&1\nRunning svn diff --revision 3 \"" +
+                                                 path + "\" 2>&1\n"));
   for (const auto& rel : changed) {
-    const std::string block = Block(diff, rel), p = co_ + "/" + rel;
-    for (const std::string& part :
-         std::vector<std::string>{"\nPath: " + p + "\nName: ", std::string("\nRevision: 3\n"),
-                                  "\nIndex: " + p + "\n", "\n+v2\n"})
-      EXPECT_NE(block.find(part), std::string::npos) << part << diff;
+    const std::string p = w_.build + "/" + rel;
+    ExpectBlock(diff, rel, {"\nPath: " + p + "\nName: ", "\nRevision: 3\n", "\nIndex: " + p + "\n", "\n+v2\n"});
   }
-  EXPECT_EQ(Block(diff, "sub/b.c"), "");  // unchanged: no block
-  for (const std::string& where : {start_, co_, root_})
-    EXPECT_FALSE(wltest::ReadFile(where + "/PWNED").has_value()) << where;
+  EXPECT_FALSE(Has(diff, "\nC;" + w_.build + ";sub/b.c;"));  // unchanged: no block
+  ExpectNothingRanAsShellText();
 }
 
-TEST_F(ScmClients, CvsWorkspaceListing) {
-  MakeCvs();
+// One cvs workspace, listed from the workspace (CVS) and then, from a start
+// directory of its own, from the repository log alone (CVSREP: size 0,
+// local digest).
+TEST_F(ScmClients, Cvs) {
+  const std::string cvs = "cvs -Q -d " + w_.root + "/cvsroot ";
+  Make("cvs", cvs + "init && mkdir empty && cd empty && " + cvs +
+                  "import -m init mod vend start && cd .. && " + cvs +
+                  "checkout -d build mod && cd build && echo a > a.c && mkdir sub && cvs -Q add sub "
+                  "&& echo b > sub/b.c && echo x > ./-x.c && echo q > 'q $(touch PWNED).c' && "
+                  "cvs -Q add a.c sub/b.c ./-x.c 'q $(touch PWNED).c' && cvs -Q commit -m one && "
+                  "echo a2 >> a.c && cvs -Q commit -m two");
   if (IsSkipped() || HasFatalFailure())
     return;
   std::string bom, diff;
-  EXPECT_NE(Run("CVS", "bom", &bom).find("Executing: cvs log -h 2>&1\n"), std::string::npos);
+  EXPECT_TRUE(Has(Run("CVS", "bom", &bom), "Executing: cvs log -h 2>&1\n"));
   for (const char* rel : {"a.c", "sub/b.c", "-x.c", "q $(touch PWNED).c"})
-    EXPECT_EQ(Field(bom, rel, 5), Revision("cvs status", std::string("./") + rel)) << bom;
-  EXPECT_EQ(Field(bom, "a.c", 5), "1.2");
-  EXPECT_EQ(bom.find("CVS/"), std::string::npos);  // administrative files are not inventoried
+    EXPECT_EQ(Field(bom, rel, 5), rel == std::string("a.c") ? "1.2" : "1.1") << bom;
+  EXPECT_FALSE(Has(bom, "CVS/"));  // administrative files are not inventoried
   for (const char* rel : {"sub/b.c", "-x.c", "q $(touch PWNED).c"})
-    wltest::WriteFile(co_ + "/" + rel, "b\nchanged\n");
-  const std::string in = " 2>&1 in dir " + co_ + "/sub/\n";
-  EXPECT_NE(
-      Run("CVS", "diff", &diff)
-          .find("Executing: cvs log \"b.c\"" + in + "Running cvs diff -c6 -r 1.1 \"b.c\"" + in),
-      std::string::npos);
-  const std::string block = Block(diff, "sub/b.c");
-  for (const char* part :
-       {"\nWorking file: b.c\nhead: 1.1\n", "\nretrieving revision 1.1\n", "\n+ changed\n"})
-    EXPECT_NE(block.find(part), std::string::npos) << part << diff;
-  EXPECT_EQ(Block(diff, "a.c"), "");
+    wltest::WriteFile(w_.build + "/" + rel, "b\nchanged\n");
+  const std::string in = " 2>&1 in dir " + w_.build + "/sub/\n";
+  EXPECT_TRUE(Has(Run("CVS", "diff", &diff),
+                  "Executing: cvs log \"b.c\"" + in + "Running cvs diff -c6 -r 1.1 \"b.c\"" + in));
+  ExpectBlock(diff, "sub/b.c",
+              {"\nWorking file: b.c\nhead: 1.1\n", "\nretrieving revision 1.1\n", "\n+ changed\n"});
+  EXPECT_FALSE(Has(diff, "\nC;" + w_.build + ";a.c;"));
   // A name that begins with "-" reaches cvs as "./-x.c", shell text as text.
-  for (const std::string rel : {"-x.c", "q $(touch PWNED).c"}) {
-    for (const std::string& part : {"\nWorking file: " + rel + "\nhead: 1.1\n",
-                                    std::string("\nretrieving revision 1.1\n"), std::string("\n! changed\n")})
-      EXPECT_NE(Block(diff, rel).find(part), std::string::npos) << part << diff;
-  }
-  for (const std::string& where : {start_, co_, root_})
-    EXPECT_FALSE(wltest::ReadFile(where + "/PWNED").has_value()) << where;
-}
+  for (const std::string rel : {"-x.c", "q $(touch PWNED).c"})
+    ExpectBlock(diff, rel,
+                {"\nWorking file: " + rel + "\nhead: 1.1\n", "\nretrieving revision 1.1\n", "\n! changed\n"});
+  ExpectNothingRanAsShellText();
 
-// CVSREP: records from the repository log alone (size 0, local digest).
-TEST_F(ScmClients, CvsRepositoryLog) {
-  MakeCvs();
-  if (IsSkipped() || HasFatalFailure())
-    return;
-  std::string bom, diff;
-  EXPECT_NE(Run("CVSREP", "bom", &bom).find("Executing: cvs log 2>&1\n"), std::string::npos);
+  w_.start = w_.root + "/start-rep";
+  runs_ = 0;
+  EXPECT_TRUE(Has(Run("CVSREP", "bom", &bom), "Executing: cvs log 2>&1\n"));
   for (const char* rel : {"a.c", "sub/b.c"}) {
-    EXPECT_EQ(Field(bom, rel, 5), Revision("cvs status", rel)) << bom;
+    EXPECT_EQ(Field(bom, rel, 5), rel == std::string("a.c") ? "1.2" : "1.1") << bom;
     EXPECT_EQ(Field(bom, rel, 2), "0");
     EXPECT_EQ(Field(bom, rel, 4).size(), 32u);
   }
-  wltest::WriteFile(co_ + "/a.c", "a\na2\nrun two\n");
-  const std::string in = " 2>&1 in dir " + co_ + "/\n";
-  EXPECT_NE(Run("CVSREP", "diff", &diff)
-                .find("Executing: cvs log -r1.2 -r1.2  \"a.c\"" + in +
-                      "Running cvs diff -c6 -r 1.2 \"a.c\"" + in),
-            std::string::npos);
-  const std::string block = Block(diff, "a.c");
-  for (const char* part : {"\nWorking file: a.c\n", "\nrevision 1.2\n",
-                           "\nretrieving revision 1.2\n", "\n+ run two\n"})
-    EXPECT_NE(block.find(part), std::string::npos) << part << diff;
+  wltest::WriteFile(w_.build + "/a.c", "a\na2\nrun two\n");
+  const std::string top = " 2>&1 in dir " + w_.build + "/\n";
+  EXPECT_TRUE(Has(Run("CVSREP", "diff", &diff), "Executing: cvs log -r1.2 -r1.2  \"a.c\"" + top +
+                                                    "Running cvs diff -c6 -r 1.2 \"a.c\"" + top));
+  ExpectBlock(diff, "a.c", {"\nWorking file: a.c\n", "\nrevision 1.2\n", "\nretrieving revision 1.2\n",
+                            "\n+ run two\n"});
 }
 
 }  // namespace

@@ -174,26 +174,4 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::map<std::s
   return result;
 }
 
-std::map<std::string, std::string> ToolEnv(const std::string& home, std::optional<std::string> server,
-                                           std::optional<std::string> path) {
-  std::map<std::string, std::string> env;
-  env["HOME"] = home;
-  env["PATH"] = path.value_or("/usr/local/bin:/usr/bin:/bin");
-  env["TZ"] = "UTC";
-  env["LC_ALL"] = "C";
-  if (server) env["WEFTLANE_SERVER"] = *server;
-  // Keep the sanitizer runtime's settings when the tests run under it.
-  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-    if (const char* v = std::getenv(name)) env[name] = v;
-  }
-  return env;
-}
-
-RunResult RunTool(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
-                  const std::string& cwd, int timeout_s) {
-  std::vector<std::string> argv{WL_BINARY};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return RunProgram(argv, env, cwd, timeout_s);
-}
-
 }  // namespace wltest

@@ -88,14 +88,4 @@ struct RunResult {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
                      const std::string& cwd, int timeout_s = 120);
 
-// The controlled environment for the product binary: HOME=home, PATH (the
-// given value or a minimal system path), TZ=UTC, LC_ALL=C, and
-// WEFTLANE_SERVER when server is given.
-std::map<std::string, std::string> ToolEnv(const std::string& home,
-                                           std::optional<std::string> server = std::nullopt,
-                                           std::optional<std::string> path = std::nullopt);
-// Runs the built wlinspector with args.
-RunResult RunTool(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
-                  const std::string& cwd, int timeout_s = 120);
-
 }  // namespace wltest
