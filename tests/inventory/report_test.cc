@@ -68,24 +68,19 @@ TEST(Report, TheComparisonRule) {
   }
 }
 
-// Deleted lines first, then added and changed ones, each in key order.
-TEST(Report, BothPassesInKeyOrder) {
+// Deleted lines first, then added and changed ones, each in key order; the
+// fields escape what their line cannot hold.
+TEST(Report, BothPassesInKeyOrderWithEscapedFields) {
   ScopedFileTree before, now;
-  for (const char* name : {"e", "a", "c", "d"})
+  for (const char* name : {"e", "a", " gone;", "c", "d"})
     before.Add("/w", name, 1, kA, "");
-  for (const char* name : {"f", "c", "b", "e"})
-    now.Add("/w", name, 2, name[0] == 'e' ? kB : kA, "");
-  EXPECT_EQ(Report(before, now), "D;/w;a;1;1; " + kA + "; ;\nD;/w;d;1;1; " + kA +
-                                     "; ;\nA;/w;b;2;2; " + kA + "; ;\nC;/w;e;2;2; " + kB +
-                                     "; ;\ndetail 16 /w/e /w/e\nA;/w;f;2;2; " + kA + "; ;\n");
-}
-
-TEST(Report, LinesEscapeWhatTheirFieldsCannotHold) {
-  ScopedFileTree before, now;
-  before.Add("/w", " gone;", 1, kA, "");
-  now.Add("/w", "new\n\\", 2, kB, "v ");
-  EXPECT_EQ(Report(before, now), "D;/w;\\x20gone\\x3b;1;1; " + kA + "; ;\nA;/w;new\\x0a\\x5c;2;2; " +
-                                     kB + "; v\\x20;\n");
+  for (const char* name : {"f", "c", "new\n\\", "b", "e"})
+    now.Add("/w", name, 2, name[0] == 'e' ? kB : kA, name[0] == 'n' ? "v " : "");
+  const std::string a = "; " + kA + "; ;\n";  // the rest of a line with kA and no version
+  EXPECT_EQ(Report(before, now), "D;/w;\\x20gone\\x3b;1;1" + a + "D;/w;a;1;1" + a + "D;/w;d;1;1" +
+                                     a + "A;/w;b;2;2" + a + "C;/w;e;2;2; " + kB +
+                                     "; ;\ndetail 16 /w/e /w/e\nA;/w;f;2;2" + a +
+                                     "A;/w;new\\x0a\\x5c;2;2; " + kA + "; v\\x20;\n");
 }
 
 }  // namespace
