@@ -751,29 +751,42 @@ void DestroyBintree(Bintree* tree, BintreeRelease release) {
   if (tree == nullptr) {
     return;
   }
-  // Remove the root until none is left: the root, then whatever replaced it.
-  // The head's lesser link is not consulted: the tree never sets it, and
-  // waiting for a caller-set one to clear would never end. No key is
-  // compared, so a caller may have released the keys already.
+  // Removing the root until none is left releases, by the replacement rule,
+  // the root, then every record of its greater subtree in walk order (each
+  // removal puts the in-order successor in its place), then, once nothing
+  // greater is left, its lesser subtree, untouched all along, by the same
+  // rule. The records are released in that order by one walk that reads each
+  // record's links before releasing it: no removal, no index, and no key is
+  // compared, so a caller may have released the keys already. The head's
+  // lesser link is not consulted: the tree never sets it.
   BintreeIndex* index = tree->index;
-  while (Root(tree) != nullptr) {
-    BintreeNode* root = Root(tree);
-    if (!index->deep && !UnlinkPlain(tree, root, tree->head)) {
-      GoDeep(tree);
-    }
-    if (index->deep) {
-      if (index->deep->links.count(root) == 0) {
-        // Only possible if a caller relinked records behind the tree's back;
-        // stop rather than follow links the index does not know.
-        break;
-      }
-      Unlink(index->deep.get(), root);
-    }
+  auto release_one = [release](BintreeNode* node) {
     if (release != nullptr) {
-      release(root);
+      release(node);
     }
-    tfree(root);
+    tfree(node);
+  };
+  std::vector<BintreeNode*> stack;
+  try {
+    for (BintreeNode* top = Root(tree); top != nullptr;) {
+      BintreeNode* next_top = top->lesser;
+      BintreeNode* node = top->greater;
+      release_one(top);
+      while (node != nullptr || !stack.empty()) {
+        for (; node != nullptr; node = node->lesser) {
+          stack.push_back(node);
+        }
+        BintreeNode* done = stack.back();
+        stack.pop_back();
+        node = done->greater;
+        release_one(done);
+      }
+      top = next_top;
+    }
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
   }
+  tree->head->greater = nullptr;
   if (index->owns_head) {
     tfree(tree->head);
   }

@@ -166,6 +166,26 @@ struct RefNode {
   std::string key;
 };
 
+// Unlinks *link from the reference by the replacement rule.
+void RemoveRef(RefNode** link) {
+  RefNode* n = *link;
+  if (n->greater == nullptr) {
+    *link = n->lesser;
+  } else if (n->greater->lesser == nullptr) {
+    n->greater->lesser = n->lesser;
+    *link = n->greater;
+  } else {
+    RefNode* p = n->greater;
+    while (p->lesser->lesser != nullptr)
+      p = p->lesser;
+    RefNode* succ = p->lesser;
+    p->lesser = succ->greater;
+    succ->lesser = n->lesser;
+    succ->greater = n->greater;
+    *link = succ;
+  }
+}
+
 // Random keys, a zigzag (a, z, b, y, ...) whose descents grow past any
 // budget so that the tree changes how it finds places, and a root whose
 // successor lies beyond that budget: the links stay the plain descent's,
@@ -219,24 +239,15 @@ TEST(BintreeReference, SameLinksAsThePlainDescent) {
       if (!removed)
         continue;
       FreeRec(removed);
-      RefNode* n = *link;
-      if (n->greater == nullptr) {
-        *link = n->lesser;
-      } else if (n->greater->lesser == nullptr) {
-        n->greater->lesser = n->lesser;
-        *link = n->greater;
-      } else {
-        RefNode* p = n->greater;
-        while (p->lesser->lesser != nullptr)
-          p = p->lesser;
-        RefNode* succ = p->lesser;
-        p->lesser = succ->greater;
-        succ->lesser = n->lesser;
-        succ->greater = n->greater;
-        *link = succ;
-      }
+      RemoveRef(link);
     }
     EXPECT_TRUE(Shape(tree.head->greater) == Shape(root)) << "pattern " << pattern;
+    std::string released;  // the root until none is left
+    while (root != nullptr) {
+      released += (released.empty() ? "" : " ") + root->key;
+      RemoveRef(&root);
+    }
+    EXPECT_TRUE(tree.Destroy() == released) << "pattern " << pattern;
   }
 }
 
