@@ -39,9 +39,10 @@ void Compare(Bintree* walked, Bintree* other, Visit visit) {
   auto* candidate = static_cast<FileNode*>(others.Next());
   while (auto* node = static_cast<FileNode*>(records.Next())) {
     // compare(probe, record) as a lookup in `other` would call it.
-    while (candidate && walked->compare(node, candidate) > 0)
+    int32_t order = 1;
+    while (candidate && (order = walked->compare(node, candidate)) > 0)
       candidate = static_cast<FileNode*>(others.Next());
-    visit(node, candidate && walked->compare(node, candidate) == 0 ? candidate : nullptr);
+    visit(node, candidate && order == 0 ? candidate : nullptr);
   }
 }
 
