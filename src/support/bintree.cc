@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <new>
@@ -798,5 +799,8 @@ void DestroyBintree(Bintree* tree, BintreeRelease release) {
 int32_t CompareFunc(const void* probe, const void* node) {
   const char* a = static_cast<const BintreeNode*>(probe)->key;
   const char* b = static_cast<const BintreeNode*>(node)->key;
-  return CompareTo(a != nullptr ? a : "", b != nullptr ? b : "", 1);
+  // CompareTo with the case flag set takes the first differing bytes as
+  // unsigned values, as strcmp does; only the sign counts, and strcmp's is
+  // the same while it compares many bytes at a time.
+  return std::strcmp(a != nullptr ? a : "", b != nullptr ? b : "");
 }

@@ -171,6 +171,7 @@ int WalkDepBintree(Bintree* tree, BintreeVisit8 visit, void* a1, void* a2, void*
 // record passed to NewBintree is not freed. Null is ignored.
 void DestroyBintree(Bintree* tree, BintreeRelease release);
 
-// Case-sensitive byte order of the two keys: CompareTo(probe key, node key, 1).
+// Case-sensitive byte order of the two keys: the sign of CompareTo(probe key,
+// node key, 1) (the value itself may differ).
 // A null key compares as "".
 int32_t CompareFunc(const void* probe, const void* node);
