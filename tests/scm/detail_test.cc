@@ -1,6 +1,5 @@
 #include "scm/detail.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -149,13 +148,9 @@ class DetailTest : public wltest::ScmTest {
 
   // Files under `dir` (one level) whose names start with "PWNED".
   static std::vector<std::string> Pwned(const std::string& dir) {
-    std::vector<std::string> found;
-    UniqueDir d(opendir(dir.c_str()));
-    while (const dirent* e = d ? readdir(d.get()) : nullptr) {
-      if (std::string(e->d_name).rfind("PWNED", 0) == 0)
-        found.push_back(dir + "/" + e->d_name);
-    }
-    return found;
+    std::vector<std::string> names = wltest::ListDir(dir);
+    std::erase_if(names, [](const std::string& name) { return name.rfind("PWNED", 0) != 0; });
+    return names;
   }
 
   const std::string ws_ = b_ + "/ws";
