@@ -334,14 +334,48 @@ bool PutNumbered(PendingOutput& output, std::string& name, const char* suffix,
   }
 }
 
+// Joins a thread when it goes out of scope.
+struct JoinAtExit {
+  std::thread& thread;
+  ~JoinAtExit() {
+    if (thread.joinable())
+      thread.join();
+  }
+};
+
 // Writes the change report and the inventory and puts both in place; returns
 // the exit status.
+//
+// The inventory is written on a thread of its own while the report is
+// written: both only read the trees (link walks, no index is built). What
+// is checked, printed and returned stays in the order of one after the
+// other: the inventory's name is checked again after the report, and a
+// failure to create it is reported there.
 int WriteOutputs(OutputNames& names, ScmSession& scm) {
   if (DirectoryInTheWay(names.report))
     return CouldNotWrite(names.report);
   PendingOutput report;
   if (!report.Create(names.report))
     return CouldNotWrite(names.report, errno);
+
+  InventoryHeader header;
+  header.scm_type = SCMTypeStr;
+  header.module_root = DirName;
+  header.machine = MachineLabel;
+  header.build_label = BuildLabel.c_str();
+  header.build_number = BuildNumber;
+  PendingOutput inventory;
+  bool created = !DirectoryInTheWay(names.inventory) && inventory.Create(names.inventory);
+  std::thread writer;
+  JoinAtExit join_writer{writer};
+  if (created) {
+    try {
+      writer = std::thread([&] { WriteInventory(inventory.get(), header, FileTree); });
+    } catch (const std::system_error&) {
+      // written below, after the report
+    }
+  }
+
   ChangeReport changes;
   changes.stream = report.get();
   changes.scm_type_text = SCMTypeStr;
@@ -356,17 +390,13 @@ int WriteOutputs(OutputNames& names, ScmSession& scm) {
 
   if (DirectoryInTheWay(names.inventory))
     return CouldNotWrite(names.inventory);
-  PendingOutput inventory;
-  if (!inventory.Create(names.inventory))
+  if (!created && !inventory.Create(names.inventory))
     return CouldNotWrite(names.inventory, errno);
   std::puts(kSavingProgress);
-  InventoryHeader header;
-  header.scm_type = SCMTypeStr;
-  header.module_root = DirName;
-  header.machine = MachineLabel;
-  header.build_label = BuildLabel.c_str();
-  header.build_number = BuildNumber;
-  WriteInventory(inventory.get(), header, FileTree);
+  if (writer.joinable())
+    writer.join();
+  else
+    WriteInventory(inventory.get(), header, FileTree);
 
   if (!inventory.Finish())
     return CouldNotWrite(names.inventory, errno);
