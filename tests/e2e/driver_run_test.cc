@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -56,12 +57,15 @@ class DriverRun : public ::testing::Test {
   e2e::World w_;
 };
 
-TEST_F(DriverRun, CommandLinesAndServerSettings) {
+// Each row runs in an empty start directory: the words, what is in the way
+// before (directories), the output, and the contents of files it leaves (it
+// leaves both outputs exactly when it succeeds).
+TEST_F(DriverRun, CommandLinesSettingsAndOutputs) {
   const std::string missing = "WEFTLANE_SERVER environment variable must be set.\n";
   const std::string bad_url = "LogUrl=/LogUpload\nERROR 404: Invalid URL /LogUpload\n\n";
   const std::string req = " parameter and argument are required.\n";
   const std::string unc = "ERROR 53: UNC Working directories ('\\\\srv\\x') are not supported.\n";
-  const std::string j = kJob, usage = kUsage;
+  const std::string j = kJob, usage = kUsage, base = kBase, null = "(null)-(null)-(null)";
   // 199 words after the program name are accepted, 200 are not.
   std::vector<std::string> words_199 = JobArgs(std::vector<std::string>(195, "-lp"));
   std::string echo_199 = kJob;
@@ -69,12 +73,19 @@ TEST_F(DriverRun, CommandLinesAndServerSettings) {
     echo_199 += " -lp";
   std::vector<std::string> words_200 = words_199;
   words_200.push_back("-lp");
+  wltest::WriteFile(w_.root + "/job.rsp", "-lj \"my job\" -ld \"2020-10-14 10_20_30\"\n-c none -t \"REL 1\"\n");
+  const std::string rsp = "my job-box-2020-10-14 10_20_30", tail = "MachineName=box\nBuildLabel=REL 1\nBuildNumber=77\n";
+  const std::string in_the_way = kEcho + Frame(Numbered(1, "diff.data"), Numbered(1, "bom.data"));
+  const std::string saving = kStages + "Saving Comparison data\n";
   using Opt = std::optional<std::string>;
   struct Row {
     std::vector<std::string> args;
     std::string out;
     int status = 1;
     Opt server = std::string(e2e::kNobody), property = std::nullopt;  // environment, home file
+    std::vector<std::string> before = {};
+    std::map<std::string, std::string> after = {};
+    size_t left = 0;  // names left in the start directory, when not (status ? 0 : 2) + before
   };
   // clang-format off
   const Row rows[] = {
@@ -95,6 +106,26 @@ TEST_F(DriverRun, CommandLinesAndServerSettings) {
       {JobArgs(), kEcho + CompleteRun(1, 1), 0, {}, e2e::kNobody},
       {JobArgs(), kEcho + CompleteRun(1, 1, bad_url), 0, {}, ""},  // an empty value is a value
       {JobArgs(), kEcho + CompleteRun(1, 1), 0, e2e::kNobody, ""},  // the environment wins
+      // The run goes on with its job settings unset; the names show them as
+      // the C library prints a null text.
+      {.args = {"-v"}, .out = kBanner + CompleteRun(1, 1, kRefused, null), .status = 0,
+       .after = {{null + "-01-diff.data", "BuildLabel=\n"}}},
+      // A failed upload does not change the status.
+      {.args = {"@" + w_.root + "/job.rsp", "-ln", "77", "-lm", "box"},
+       .out = Echoed("-lj \"my job\" -ld \"2020-10-14 10_20_30\" -c \"none\" -t \"REL 1\" -ln \"77\" -lm \"box\"") +
+              CompleteRun(1, 1, kRefused, rsp),
+       .status = 0,
+       .after = {{Numbered(1, "diff.data", rsp), "SCMType=none\n" + tail},
+                 {Numbered(1, "bom.data", rsp), "SCMType=none\nModuleRootDir=" + w_.start + "\n" + tail}}},
+      {.args = JobArgs(), .out = in_the_way + "Could not write to " + Numbered(1, "diff.data") + "\n",
+       .before = {Numbered(1, "diff.data")}},
+      {.args = JobArgs(), .out = in_the_way + kStages + "Could not write to " + Numbered(1, "bom.data") + "\n",
+       .before = {Numbered(1, "bom.data")}},
+      // The numbered outputs stay as the run's record.
+      {.args = JobArgs(), .out = in_the_way + saving + "Could not write to " + base + "-diff.data\n",
+       .before = {base + "-diff.data"}, .left = 3},
+      {.args = JobArgs(), .out = in_the_way + saving + "Could not write to " + base + "-bom.data\n",
+       .before = {base + "-bom.data"}, .left = 4},
   };
   // clang-format on
   for (const Row& row : rows) {
@@ -103,38 +134,17 @@ TEST_F(DriverRun, CommandLinesAndServerSettings) {
     if (row.property)
       wltest::WriteFile(w_.home + "/.weftlane/wlenvironment.properties",
                         "WEFTLANE_SERVER=" + *row.property + "\n");
+    for (const std::string& name : row.before)
+      wltest::MakeDirs(w_.start + "/" + name);
     auto r = w_.Run(row.args);
     EXPECT_EQ(r.status, row.status);
     EXPECT_EQ(r.out, row.out);
-    EXPECT_EQ(wltest::ListDir(w_.start).size(), row.status ? 0u : 2u);
+    EXPECT_EQ(wltest::ListDir(w_.start).size(),
+              row.left ? row.left : (row.status ? 0u : 2u) + row.before.size());
+    for (const auto& [name, content] : row.after)
+      EXPECT_EQ(w_.Out(name), content);
     EmptyStart();
   }
-}
-
-TEST_F(DriverRun, Version) {
-  // The run goes on with its job settings unset; the names show them as the
-  // C library prints a null text.
-  auto r = w_.Run({"-v"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, kBanner + CompleteRun(1, 1, kRefused, "(null)-(null)-(null)"));
-  EXPECT_EQ(w_.Out("(null)-(null)-(null)-01-diff.data"), "BuildLabel=\n");
-}
-
-TEST_F(DriverRun, CompleteRunFromAResponseFileKeepsOnlyTheNumberedFiles) {
-  wltest::WriteFile(w_.root + "/job.rsp",
-                    "-lj \"my job\" -ld \"2020-10-14 10_20_30\"\n-c none -t \"REL 1\"\n");
-  auto r = w_.Run({"@" + w_.root + "/job.rsp", "-ln", "77", "-lm", "box"});
-  const std::string base = "my job-box-2020-10-14 10_20_30";
-  EXPECT_EQ(r.status, 0);  // a failed upload does not change the status
-  EXPECT_EQ(r.out, Echoed("-lj \"my job\" -ld \"2020-10-14 10_20_30\" -c \"none\" -t \"REL 1\" "
-                          "-ln \"77\" -lm \"box\"") +
-                       CompleteRun(1, 1, kRefused, base));
-  const std::string report = Numbered(1, "diff.data", base),
-                    inventory = Numbered(1, "bom.data", base);
-  EXPECT_EQ(wltest::ListDir(w_.start), (std::vector<std::string>{inventory, report}));
-  const std::string tail = "MachineName=box\nBuildLabel=REL 1\nBuildNumber=77\n";
-  EXPECT_EQ(w_.Out(report), "SCMType=none\n" + tail);
-  EXPECT_EQ(w_.Out(inventory), "SCMType=none\nModuleRootDir=" + w_.start + "\n" + tail);
 }
 
 TEST_F(DriverRun, NumberingOfTheTwoFilesIsIndependent) {
@@ -148,25 +158,6 @@ TEST_F(DriverRun, NumberingOfTheTwoFilesIsIndependent) {
   r = w_.Run(JobArgs({"-b", "does/not/exist"}));
   EXPECT_EQ(r.out, Echoed(kJob + " -b \"does/not/exist\"") + CompleteRun(11, 2));
   EXPECT_TRUE(e2e::Has(w_.Out(Numbered(2, "bom.data")), "\nModuleRootDir=" + w_.start + "\n"));
-}
-
-TEST_F(DriverRun, OutputNameTakenByADirectory) {
-  const std::string frame = kEcho + Frame(Numbered(1, "diff.data"), Numbered(1, "bom.data"));
-  const std::string saving = kStages + "Saving Comparison data\n";
-  // clang-format off
-  const std::pair<std::string, std::string> cases[] = {  // name in the way, stages before
-      {Numbered(1, "diff.data"), ""}, {Numbered(1, "bom.data"), kStages},
-      {std::string(kBase) + "-diff.data", saving}, {std::string(kBase) + "-bom.data", saving},
-  };
-  // clang-format on
-  for (const auto& [name, stages] : cases) {
-    SCOPED_TRACE(name);
-    wltest::MakeDirs(w_.start + "/" + name);
-    auto r = w_.Run(JobArgs());
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, frame + stages + "Could not write to " + name + "\n");
-    EmptyStart();
-  }
 }
 
 }  // namespace
