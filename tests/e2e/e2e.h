@@ -4,6 +4,7 @@
 // taken by its real path (the run prints the directory it starts in).
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <map>
@@ -70,5 +71,45 @@ struct World {
   std::vector<std::string> prefix;
   std::map<std::string, std::string> env;
 };
+
+// Names a shell, the record format or a client would trip over.
+inline const std::vector<std::string> kHostileNames = {
+    "with blank",  "dq\"uote",     "sq'uote",   "$(touch X)", "`touch Y`", "semi;colon",
+    "a;b;1;2;x;y", "pipe|x",        "amp&x",     "eq=x",       "x=1;2;3;4", "colon:x",
+    "paren(x)",    "back\\slash", "line\nfeed", " leading", "trailing ", "-rf",
+    "--help",      "cr\rx",        "pct%s%n",   "tab\tx",    "lt<gt>"};
+
+// Fields of the inventory that hold the names' awkward bytes: each is
+// escaped, the other names keep their bytes.
+inline const std::vector<std::string> kEscapedFields = {
+    ";semi\\x3bcolon;", ";line\\x0afeed;", ";\\x20leading;", ";trailing\\x20;",
+    ";eq=x;",           ";-rf;",            ";cr\\x0dx;"};
+
+// Two runs of `w` with `more` over an unchanged tree: the second reports
+// nothing, and the first run's inventory, which holds `fields` and
+// `versioned`, is what it compared with; `printed` gets the first run's output.
+inline void ExpectSecondRunEmpty(const e2e::World& w, const std::vector<std::string>& more,
+                          const std::string& versioned,
+                          const std::vector<std::string>& fields = kEscapedFields,
+                          std::string* printed = nullptr) {
+  auto first = w.Run(w.Job(more));
+  if (printed)
+    *printed = first.out;
+  ASSERT_EQ(first.status, 0) << first.out;
+  const std::string inventory = w.Out(kStem + "01-bom.data");
+  for (const std::string& field : fields)
+    EXPECT_TRUE(Has(inventory, field)) << field << "\n" << inventory;
+  EXPECT_TRUE(Has(inventory, versioned)) << inventory;
+  // The report's name also holds ".bom.data" and may be listed before the
+  // inventory, hiding it; without it the run does not depend on the order.
+  ASSERT_EQ(unlink((w.start + "/" + kStem + "01-diff.data").c_str()), 0);
+  auto second = w.Run(w.Job(more));
+  ASSERT_EQ(second.status, 0) << second.out;
+  EXPECT_TRUE(Has(second.out, "\nOldFileName=" + kStem + "01-bom.data\n")) << second.out;
+  EXPECT_EQ(w.Out(kStem + "01-diff.data"),
+            "SCMType=" + (more.empty() ? "NONE" : more[1]) +
+                "\nMachineName=m1\nBuildLabel=\nBuildNumber=\n");
+  EXPECT_EQ(w.Out(kStem + "02-bom.data"), inventory);
+}
 
 }  // namespace e2e

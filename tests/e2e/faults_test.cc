@@ -40,8 +40,6 @@ struct World : e2e::World {
     listener.emplace(std::move(handler), 2);
     server = listener->Url();
   }
-  // The server as the ERROR lines name it.
-  std::string Server() const { return "127.0.0.1 on port " + std::to_string(listener->port); }
   std::string Fifo(const std::string& fifo) const {
     EXPECT_EQ(mkfifo(fifo.c_str(), 0700), 0) << fifo;
     return fifo;
@@ -51,12 +49,27 @@ struct World : e2e::World {
   std::vector<std::string> lead_args, extra_args;
 };
 
+// A row: how the world is set up, the run's status, a part of what it
+// prints ({STEM}, {HOME}, {ROOT}, {URL} and {SERVER} filled in), how many
+// names it leaves in the start directory, and what else must hold.
 struct Fault {
   const char* name;
   std::function<void(World&)> setup;
   int status;
-  std::function<void(World&, const wltest::RunResult&)> check;
+  std::string printed;
+  size_t left = 2;
+  std::function<void(World&, const wltest::RunResult&)> check = nullptr;
 };
+
+std::string Fill(std::string text, const World& f) {
+  const std::pair<const char*, std::string> marks[] = {
+      {"{STEM}", kStem}, {"{HOME}", f.home}, {"{ROOT}", f.root}, {"{URL}", f.server.value_or("")},
+      {"{SERVER}", f.listener ? "127.0.0.1 on port " + std::to_string(f.listener->port) : ""}};
+  for (const auto& [mark, value] : marks)
+    for (size_t at; (at = text.find(mark)) != std::string::npos;)
+      text.replace(at, std::string(mark).size(), value);
+  return text;
+}
 
 // A fake client that kills the inspection that (indirectly) started it.
 const char kKillInspector[] =
@@ -69,45 +82,31 @@ const char kKillInspector[] =
 // The svn listing's entry for a.c, as the fake clients print it.
 const std::string kSvnEntry = "printf 'Path: a.c\\nRevision: 7\\nNode Kind: file\\n'\n";
 
+const std::string kPropertyIgnored =
+    "Property file {HOME}/.weftlane/wlenvironment.properties is not a regular file of at most "
+    "16777216 bytes: it is ignored.\nCommand Line Options: ";
+
 // Both uploads, each ended by `error` (WHAT standing for the report's
 // transfer copy), and the run completed.
-auto UploadErrors(const std::string& error) {
-  return [error](World& f, const wltest::RunResult& r) {
-    std::string expected;
-    for (const char* kind : {"bom.data", "diff.data"}) {
-      std::string e = error + "\n";
-      e.replace(e.find("WHAT"), 4, kStem + kind);
-      e.replace(e.find("SERVER"), 6, f.Server());
-      expected += "Uploading Report Data " + kStem + kind + "\nLogUrl=" + *f.server +
-                  "/LogUpload\n" + e + "\n";
-    }
-    EXPECT_TRUE(Has(r.out, expected + "Complete\n")) << r.out;
-    EXPECT_EQ(f.Listed(false).size(), 2u);
-  };
+std::string UploadErrors(const std::string& error) {
+  std::string out;
+  for (const std::string kind : {"bom.data", "diff.data"}) {
+    std::string e = error;
+    e.replace(e.find("WHAT"), 4, "{STEM}" + kind);
+    out += "Uploading Report Data {STEM}" + kind + "\nLogUrl={URL}/LogUpload\n" + e + "\n\n";
+  }
+  return out + "Complete\n";
 }
 
-void ExpectPropertyFileIgnored(World& f, const wltest::RunResult& r) {
-  EXPECT_EQ(r.out.rfind("Property file " + f.home +
-                            "/.weftlane/wlenvironment.properties is not a regular file of "
-                            "at most 16777216 bytes: it is ignored.\nCommand Line Options: ",
-                        0),
-            0u)
-      << r.out;
-  EXPECT_EQ(f.Listed(false).size(), 2u);
-}
-
-// The run printed `part`, and its inventory holds both files, a.c with the
-// svn client's version, and its report adds both.
-auto CompleteWithVersion(const std::string& part) {
-  return [part](World& f, const wltest::RunResult& r) {
-    EXPECT_TRUE(Has(r.out, part)) << r.out;
-    const std::string bom = f.Out(kStem + "01-bom.data"), diff = f.Out(kStem + "01-diff.data");
-    EXPECT_TRUE(Has(bom, "\n" + f.build + ";a.c;3;") && Has(bom, "; 7;\n") &&
-                Has(bom, "\n" + f.build + ";sub/b.c;3000;"))
-        << bom;
-    EXPECT_TRUE(Has(diff, "\nA;" + f.build + ";a.c;") && Has(diff, "\nA;" + f.build + ";sub/b.c;"))
-        << diff;
-  };
+// The inventory holds both files, a.c with the svn client's version, and
+// the report adds both.
+void ExpectSvnVersion(World& f, const wltest::RunResult&) {
+  const std::string bom = f.Out(kStem + "01-bom.data"), diff = f.Out(kStem + "01-diff.data");
+  EXPECT_TRUE(Has(bom, "\n" + f.build + ";a.c;3;") && Has(bom, "; 7;\n") &&
+              Has(bom, "\n" + f.build + ";sub/b.c;3000;"))
+      << bom;
+  EXPECT_TRUE(Has(diff, "\nA;" + f.build + ";a.c;") && Has(diff, "\nA;" + f.build + ";sub/b.c;"))
+      << diff;
 }
 
 // An svn client with `body`, stopped after 2 s.
@@ -126,33 +125,26 @@ const Fault kFaults[] = {
          wltest::WriteFile(f.build + "/many/" + std::to_string(i), "");
        f.prefix = {"/usr/bin/prlimit", "--fsize=2000"};
      },
-     1,
-     [](World& f, const wltest::RunResult& r) {
-       EXPECT_TRUE(Has(r.out, "Could not write to " + kStem + "01-bom.data: File too large\n"))
-           << r.out;
-       EXPECT_TRUE(f.Listed(false).empty());
-     }},
+     1, "Could not write to {STEM}01-bom.data: File too large\n", 0},
     {"a FIFO as the home property file is named and skipped",
      [](World& f) {
        wltest::MakeDirs(f.home + "/.weftlane");
        f.Fifo(f.home + "/.weftlane/wlenvironment.properties");
      },
-     0, ExpectPropertyFileIgnored},
+     0, kPropertyIgnored},
     {"a home property file that links to /dev/zero is named and skipped",
      [](World& f) {
        wltest::MakeDirs(f.home + "/.weftlane");
        EXPECT_EQ(symlink("/dev/zero", (f.home + "/.weftlane/wlenvironment.properties").c_str()), 0);
      },
-     0, ExpectPropertyFileIgnored},
+     0, kPropertyIgnored},
     {"a FIFO as the response file is refused",
-     [](World& f) { f.lead_args = {"@" + f.Fifo(f.root + "/job.rsp")}; }, 1,
+     [](World& f) { f.lead_args = {"@" + f.Fifo(f.root + "/job.rsp")}; }, 1, "", 0,
      [](World& f, const wltest::RunResult& r) {
-       EXPECT_EQ(r.out, "Response file " + f.root +
-                            "/job.rsp is not a regular file of at most 16777216 bytes.\n");
+       EXPECT_EQ(r.out, Fill("Response file {ROOT}/job.rsp is not a regular file of at most 16777216 bytes.\n", f));
      }},
     {"a FIFO named wlsubmit on PATH is not taken for the program",
-     [](World& f) { f.Fifo(f.bin + "/wlsubmit"); }, 0,
-     [](World& f, const wltest::RunResult&) { EXPECT_EQ(f.Listed(false).size(), 2u); }},
+     [](World& f) { f.Fifo(f.bin + "/wlsubmit"); }, 0, "Complete\n"},
     {"a run that finds its numbers taken meanwhile takes the next ones",
      [](World& f) {
        // The per-file client stands in for a second run that finishes first.
@@ -161,11 +153,8 @@ const Fault kFaults[] = {
                                "01-'$k.data ] || echo other > '" + kStem + "01-'$k.data\ndone\n");
        f.extra_args = {"-c", "PERFORCE"};
      },
-     0,
-     [](World& f, const wltest::RunResult& r) {
-       EXPECT_TRUE(Has(r.out, "Saving Comparison data\nRptFileName=" + kStem +
-                                  "02-diff.data\nNewFileName=" + kStem + "02-bom.data\n"))
-           << r.out;
+     0, "Saving Comparison data\nRptFileName={STEM}02-diff.data\nNewFileName={STEM}02-bom.data\n", 4,
+     [](World& f, const wltest::RunResult&) {
        EXPECT_EQ(f.Out(kStem + "01-bom.data"), "other\n");
        EXPECT_TRUE(Has(f.Out(kStem + "02-bom.data"), ";a.c;3;"));
      }},
@@ -176,10 +165,8 @@ const Fault kFaults[] = {
                             "/build2' -lj job.bom.data -lm m1 -ld '" + e2e::kDate + "' >/dev/null";
        f.prefix = {"/bin/sh", "-c", second + " & \"$0\" \"$@\"; s=$?; wait; exit $s"};
      },
-     0,
+     0, "Complete\n", 4,
      [](World& f, const wltest::RunResult&) {
-       EXPECT_EQ(f.Listed(false), (std::vector<std::string>{kStem + "01-bom.data", kStem + "01-diff.data",
-                                                        kStem + "02-bom.data", kStem + "02-diff.data"}));
        std::string both = f.Out(kStem + "01-bom.data") + f.Out(kStem + "02-bom.data");
        EXPECT_TRUE(Has(both, ";a.c;") && Has(both, ";other.c;")) << both;
      }},
@@ -188,13 +175,13 @@ const Fault kFaults[] = {
        f.Serve(wltest::Answer("", true));
        wltest::WriteFile(f.home + "/.weftlane/wlenvironment.properties", "WEFTLANE_TIMEOUT=1\n");
      },
-     0, UploadErrors("ERROR 410: Timed out after 1 s waiting for the answer to WHAT from SERVER")},
+     0, UploadErrors("ERROR 410: Timed out after 1 s waiting for the answer to WHAT from {SERVER}")},
     {"a server that trickles its answer a byte at a time",
      [](World& f) {
        f.Serve(wltest::Trickle());
        f.env["WEFTLANE_TIMEOUT"] = "2";
      },
-     0, UploadErrors("ERROR 410: Timed out after 2 s waiting for the answer to WHAT from SERVER")},
+     0, UploadErrors("ERROR 410: Timed out after 2 s waiting for the answer to WHAT from {SERVER}")},
     {"a server that resets the connection instead of answering",
      [](World& f) {
        f.Serve([](wltest::ServerConn& c) {
@@ -204,15 +191,14 @@ const Fault kFaults[] = {
        });
        f.env["WEFTLANE_TIMEOUT"] = "1";
      },
-     0,
-     UploadErrors("ERROR 411: Connection to SERVER lost while reading the answer to WHAT: "
-                  "Connection reset by peer")},
+     0, UploadErrors("ERROR 411: Connection to {SERVER} lost while reading the answer to WHAT: "
+                     "Connection reset by peer")},
     {"an svn client that sleeps is stopped at its bound; the run completes with what it printed",
      SvnClient(kSvnEntry + "sleep 60 & wait\n"), 0,
-     CompleteWithVersion("Executing: svn info -R 2>&1\nStopped after 2 seconds: svn info -R 2>&1\n")},
+     "Executing: svn info -R 2>&1\nStopped after 2 seconds: svn info -R 2>&1\n", 2, ExpectSvnVersion},
     {"an svn client that prints endlessly is stopped at its bound",
      SvnClient(kSvnEntry + "yes 'Path: endless'\n"), 0,
-     CompleteWithVersion("\nStopped after 2 seconds: svn info -R 2>&1\nDetermining")},
+     "\nStopped after 2 seconds: svn info -R 2>&1\nDetermining", 2, ExpectSvnVersion},
     {"an svn client that asks for a password gets no input, whatever the run's input is",
      [](World& f) {
        SvnClient("printf 'Password for u: '\nread -r secret && exit 1\necho\n" + kSvnEntry)(f);
@@ -220,7 +206,7 @@ const Fault kFaults[] = {
        // a client given it would wait for ever.
        f.prefix = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 0<>'" + f.Fifo(f.root + "/stdin") + "'"};
      },
-     0, CompleteWithVersion("Executing: svn info -R 2>&1\nDetermining")},
+     0, "Executing: svn info -R 2>&1\nDetermining", 2, ExpectSvnVersion},
     {"a run killed while it writes the report leaves no output under a final name",
      [](World& f) {
        // An earlier inventory with a different digest makes a.c changed, so
@@ -232,11 +218,7 @@ const Fault kFaults[] = {
                            "case \"$*\" in \"info -R\"*) exit 0;; esac\n" + std::string(kKillInspector));
        f.extra_args = {"-c", "SVN"};
      },
-     128 + 9,
-     [](World& f, const wltest::RunResult& r) {
-       EXPECT_TRUE(Has(r.out, "Determining Added and Changed Files\n")) << r.out;
-       EXPECT_EQ(f.Listed(false), std::vector<std::string>{"job.bom.data-m1-0-bom.data"});
-     }},
+     128 + 9, "Determining Added and Changed Files\n", 1},  // the earlier inventory
 };
 
 TEST(Faults, EachEndsBoundedNamedAndCompleteOrAbsent) {
@@ -248,7 +230,10 @@ TEST(Faults, EachEndsBoundedNamedAndCompleteOrAbsent) {
     args.insert(args.end(), job.begin(), job.end());
     wltest::RunResult r = f.Run(args);
     EXPECT_EQ(r.status, fault.status) << r.out << r.err;
-    fault.check(f, r);
+    EXPECT_TRUE(Has(r.out, Fill(fault.printed, f))) << r.out;
+    EXPECT_EQ(f.Listed(false).size(), fault.left);
+    if (fault.check)
+      fault.check(f, r);
     // A finished run, failed or not, leaves no temporary file behind.
     if (r.status < 128) {
       EXPECT_TRUE(f.Listed(true).empty());
