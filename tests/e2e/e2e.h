@@ -56,7 +56,8 @@ struct World {
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
       if (const char* value = std::getenv(name))
         all[name] = value;
-    all.insert(env.begin(), env.end());
+    for (const auto& [name, value] : env)
+      all[name] = value;
     return wltest::RunProgram(argv, all, start, timeout_s);
   }
   // A file of the start directory, "(missing)" when there is none.
@@ -88,10 +89,10 @@ inline const std::vector<std::string> kEscapedFields = {
 // Two runs of `w` with `more` over an unchanged tree: the second reports
 // nothing, and the first run's inventory, which holds `fields` and
 // `versioned`, is what it compared with; `printed` gets the first run's output.
-inline void ExpectSecondRunEmpty(const e2e::World& w, const std::vector<std::string>& more,
-                          const std::string& versioned,
-                          const std::vector<std::string>& fields = kEscapedFields,
-                          std::string* printed = nullptr) {
+inline void ExpectSecondRunEmpty(const World& w, const std::vector<std::string>& more,
+                                 const std::string& versioned,
+                                 const std::vector<std::string>& fields = kEscapedFields,
+                                 std::string* printed = nullptr) {
   auto first = w.Run(w.Job(more));
   if (printed)
     *printed = first.out;
