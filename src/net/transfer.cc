@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "net/answer.h"
@@ -16,6 +17,7 @@ namespace {
 
 constexpr int32_t kGetLine = 60000;
 constexpr int kPostLine = 2048;
+constexpr size_t kPostBlock = 64 * 1024;  // body bytes per send of HTTPPost
 constexpr int32_t kAnswerLine = 2048;
 constexpr char kNotFoundPage[] = "<head><title>Not Found (404)";
 constexpr size_t kNotFoundCompared = 25;
@@ -130,10 +132,17 @@ int HTTPPost(std::string& err, const char* url, const char* path) {
   std::rewind(file);
   const std::string header = SoapRequestHeader(url_path, host, port, total + 1);
   int sent = WriteAll(fd, header.data(), header.size());
+  // The stripped lines go out in blocks, not a send per line.
+  std::string block;
   while (sent == 0 && std::fgets(line.data(), kPostLine, file)) {
-    const char* stripped = StripChar(line.data(), "\r\n", 2);
-    sent = WriteAll(fd, stripped, std::strlen(stripped));
+    block += StripChar(line.data(), "\r\n", 2);
+    if (block.size() >= kPostBlock) {
+      sent = WriteAll(fd, block.data(), block.size());
+      block.clear();
+    }
   }
+  if (sent == 0 && !block.empty())
+    sent = WriteAll(fd, block.data(), block.size());
   if (sent == 0)
     sent = writen(fd, "\n\n", 2);
   if (fd >= 0) {
