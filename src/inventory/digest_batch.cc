@@ -33,7 +33,24 @@ constexpr int kQuarters = sizeof(Lanes) / sizeof(QuarterLanes);
 constexpr int kRows = 32;
 constexpr int kMaxRowsPerStep = 18;
 
-void TransformPortable(Lanes state[4], const Lanes (*rows)[16], int count) {
+// The words a transform reads that can be other than zero. Every transform
+// of the procedure follows a word conversion that clears the bytes from 4 to
+// at least 59 of `in`, so message words 1 to 6 are always zero; a queued
+// transform keeps only words 0 and 7 to 15, and the kernels put the zeros
+// back where the compiler can fold them into the steps.
+constexpr int kRowWords = 10;
+constexpr int kFirstZeroWord = 1;  // words 1..6 are zero
+constexpr int kZeroWords = 6;
+using Row = Lanes[kRowWords];
+
+template <class W>
+[[gnu::always_inline]] inline void RowRounds(W state[4], const W* w) {
+  const W z = {};
+  const W x[16] = {w[0], z, z, z, z, z, z, w[1], w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9]};
+  Rounds(state, x);
+}
+
+void TransformPortable(Lanes state[4], const Row* rows, int count) {
   for (int part = 0; part < kQuarters; ++part) {
     const size_t offset = part * sizeof(QuarterLanes);
     QuarterLanes s[4];
@@ -41,11 +58,11 @@ void TransformPortable(Lanes state[4], const Lanes (*rows)[16], int count) {
       std::memcpy(&s[i], reinterpret_cast<const char*>(&state[i]) + offset, sizeof s[i]);
     }
     for (int r = 0; r < count; ++r) {
-      QuarterLanes x[16];
-      for (int k = 0; k < 16; ++k) {
-        std::memcpy(&x[k], reinterpret_cast<const char*>(&rows[r][k]) + offset, sizeof x[k]);
+      QuarterLanes w[kRowWords];
+      for (int k = 0; k < kRowWords; ++k) {
+        std::memcpy(&w[k], reinterpret_cast<const char*>(&rows[r][k]) + offset, sizeof w[k]);
       }
-      Rounds(s, x);
+      RowRounds(s, w);
     }
     for (int i = 0; i < 4; ++i) {
       std::memcpy(reinterpret_cast<char*>(&state[i]) + offset, &s[i], sizeof s[i]);
@@ -53,25 +70,24 @@ void TransformPortable(Lanes state[4], const Lanes (*rows)[16], int count) {
   }
 }
 
-using TransformKernel = void (*)(Lanes state[4], const Lanes (*rows)[16], int count);
+using TransformKernel = void (*)(Lanes state[4], const Row* rows, int count);
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #define WL_HAVE_VECTOR_KERNELS 1
 // The same source for both: the compiler splits the lanes into as many
 // registers as the instruction set holds, each an independent chain.
-[[gnu::target("avx2")]] void TransformAvx2(Lanes state[4], const Lanes (*rows)[16], int count) {
+[[gnu::target("avx2")]] void TransformAvx2(Lanes state[4], const Row* rows, int count) {
   Lanes s[4] = {state[0], state[1], state[2], state[3]};
   for (int r = 0; r < count; ++r)
-    Rounds(s, rows[r]);
+    RowRounds(s, rows[r]);
   for (int i = 0; i < 4; ++i)
     state[i] = s[i];
 }
 
-[[gnu::target("avx512f")]] void TransformAvx512(Lanes state[4], const Lanes (*rows)[16],
-                                                int count) {
+[[gnu::target("avx512f")]] void TransformAvx512(Lanes state[4], const Row* rows, int count) {
   Lanes s[4] = {state[0], state[1], state[2], state[3]};
   for (int r = 0; r < count; ++r)
-    Rounds(s, rows[r]);
+    RowRounds(s, rows[r]);
   for (int i = 0; i < 4; ++i)
     state[i] = s[i];
 }
@@ -132,10 +148,12 @@ struct DigestBatch::Impl {
     int queued = 0;  // rows 0..queued-1 of this lane's column
   };
 
-  // The 16 message words of each queued transform, lane by lane: row r holds
-  // the r-th pending transform of every lane. All lanes consume the same
-  // number of rows per pump, so the rows stay aligned.
-  Lanes rows[kRows][16] = {};
+  // The message words of each queued transform, lane by lane, in a ring:
+  // the row `first + r` holds the r-th pending transform of every lane. All
+  // lanes consume the same number of rows per pump, so the rows stay
+  // aligned.
+  Row rows[kRows] = {};
+  int first = 0;
   Lanes state[4] = {};  // state word i of lane l is state[i][l]
   Lane lanes[kLanes];
   Done done;
@@ -151,11 +169,20 @@ struct DigestBatch::Impl {
       Lane& lane = impl->lanes[l];
       if (lane.queued >= kRows)
         std::abort();  // the fill rule makes this unreachable
-      Lanes* row = impl->rows[lane.queued++];
-      for (int k = 0; k < 16; ++k)
-        row[k][l] = Load64(area + kMd5InOffset + 8 * k);
+      const unsigned char* in = area + kMd5InOffset;
+      for (int k = kFirstZeroWord; k < kFirstZeroWord + kZeroWords; ++k) {
+        if (Load64(in + 8 * k) != 0)
+          std::abort();  // the word conversion makes this unreachable
+      }
+      Lanes* row = impl->RowAt(lane.queued++);
+      row[0][l] = Load64(in);
+      for (int k = 7; k < 16; ++k)
+        row[k - kZeroWords][l] = Load64(in + 8 * k);
     }
   };
+
+  // The row of the n-th pending transform.
+  Lanes* RowAt(int n) { return rows[(first + n) % kRows]; }
 
   void Start(int l, UniqueFd fd, const struct stat& status, void* target) {
     Lane& lane = lanes[l];
@@ -190,16 +217,15 @@ struct DigestBatch::Impl {
     for (int k = 0; k < 8; ++k)
       head[k] = Load64(read_buffer + 8 * k);
     for (size_t block = 0; block < kMd5ReadSize; block += 64) {
-      Lanes* row = rows[lane.queued++];
+      Lanes* row = RowAt(lane.queued++);
       uint32_t x0;
       std::memcpy(&x0, data + block, 4);
       if constexpr (std::endian::native == std::endian::big)
         x0 = __builtin_bswap32(x0);
       row[0][l] = x0;
-      for (int k = 1; k < 8; ++k)
-        row[k][l] = 0;
+      row[1][l] = 0;  // word 7
       for (int k = 0; k < 8; ++k)
-        row[8 + k][l] = head[k];
+        row[2 + k][l] = head[k];
     }
     FinishFullPiece(a, data);
   }
@@ -257,18 +283,18 @@ struct DigestBatch::Impl {
     if (active == 0)
       return;
     int count = kRows;
-    int most = 0;
     for (int l = 0; l < kLanes; ++l) {
       if (!lanes[l].active)
         continue;
       Fill(l);
       count = std::min(count, lanes[l].queued);
-      most = std::max(most, lanes[l].queued);
     }
     // Idle lanes compute on stale rows; their state is reset when they start.
-    g_kernel(state, rows, count);
-    if (most > count)
-      std::memmove(rows[0], rows[count], sizeof rows[0] * (most - count));
+    const int to_end = std::min(count, kRows - first);
+    g_kernel(state, rows + first, to_end);
+    if (count > to_end)
+      g_kernel(state, rows, count - to_end);
+    first = (first + count) % kRows;
     for (int l = 0; l < kLanes; ++l) {
       if (!lanes[l].active)
         continue;
