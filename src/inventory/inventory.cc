@@ -154,7 +154,12 @@ FileNode* MakeRecord(Bintree* tree, const RecordLine& record) {
       NewFileNodeIn(tree, record.path.c_str(), record.words[0].c_str(), record.words[1].c_str());
   node->size = ParseNumber(record.words[2]);
   node->mtime = ParseNumber(record.words[3]);
-  node->digest = BintreeText(tree, record.words[4].c_str());
+  // The record has room for a digest of the usual length; a longer text
+  // gets a block of its own.
+  if (record.words[4].size() <= kDigestLength)
+    safe_cpy(&node->digest, record.words[4].c_str());
+  else
+    node->digest = BintreeText(tree, record.words[4].c_str());
   node->version = BintreeSharedText(tree, record.words[5].c_str());
   return node;
 }
