@@ -221,61 +221,70 @@ std::string DecodeField(const std::string& field) {
   return out;
 }
 
-void WriteRecordLine(FILE* stream, const char* format, const FileNode* node) {
-  const char* texts[] = {node->dir, node->name, node->digest, node->version};
-  std::string encoded[4];
-  for (int i = 0; i < 4; ++i) {
-    // Ordinary fields go out as they are, without a copy.
-    if (NeedsEncoding(texts[i])) {
-      encoded[i] = EncodeField(texts[i]);
-      texts[i] = encoded[i].c_str();
-    }
-  }
+void RecordWriter::Line(const char* format, const FileNode* node) {
   // The inventory's format, alone or after a change report's "X;", is put
   // together here: the same bytes as printf makes, without parsing the
-  // format a million times.
+  // format for every record.
   size_t prefix = std::strcmp(format, kInventoryRecordFormat) == 0 ? 0 : 3;
   if (prefix == 3 && format[0] != '\0' && format[1] == ';' &&
       std::strcmp(format + 2, kInventoryRecordFormat) == 0)
     prefix = 2;
   if (prefix == 3) {
-    std::fprintf(stream, format, texts[0], texts[1], static_cast<long>(node->size),
+    const char* texts[] = {node->dir, node->name, node->digest, node->version};
+    std::string encoded[4];
+    for (int i = 0; i < 4; ++i) {
+      if (NeedsEncoding(texts[i])) {
+        encoded[i] = EncodeField(texts[i]);
+        texts[i] = encoded[i].c_str();
+      }
+    }
+    Flush();
+    std::fprintf(stream_, format, texts[0], texts[1], static_cast<long>(node->size),
                  static_cast<long>(node->mtime), texts[2], texts[3]);
     return;
   }
-  size_t lengths[4];
-  size_t need = prefix + 2 * 24 + 8;
-  for (int i = 0; i < 4; ++i)
-    need += lengths[i] = std::strlen(texts[i]);
-  char small[512];
-  std::string large;
-  char* line = small;
-  if (need > sizeof small) {
-    large.resize(need);
-    line = large.data();
-  }
-  char* at = line;
-  auto put = [&at](const char* text, size_t length) {
-    std::memcpy(at, text, length);
-    at += length;
-  };
-  auto number = [&at](int64_t value) {
-    at = std::to_chars(at, at + 24, static_cast<long>(value)).ptr;
-  };
-  put(format, prefix);
-  put(texts[0], lengths[0]);
-  put(";", 1);
-  put(texts[1], lengths[1]);
-  put(";", 1);
-  number(node->size);
-  put(";", 1);
-  number(node->mtime);
-  put("; ", 2);
-  put(texts[2], lengths[2]);
-  put("; ", 2);
-  put(texts[3], lengths[3]);
-  put(";\n", 2);
-  std::fwrite(line, 1, static_cast<size_t>(at - line), stream);
+  buffer_.append(format, prefix);
+  Field(node->dir);
+  buffer_ += ';';
+  Field(node->name);
+  buffer_ += ';';
+  Number(node->size);
+  buffer_ += ';';
+  Number(node->mtime);
+  buffer_ += "; ";
+  Field(node->digest);
+  buffer_ += "; ";
+  Field(node->version);
+  buffer_ += ";\n";
+  if (buffer_.size() >= kFlushAt)
+    Flush();
+}
+
+void RecordWriter::Field(const char* text) {
+  const size_t length = std::strlen(text);
+  // Ordinary fields go out as they are.
+  if (std::strcspn(text, ";\\\n\r") == length &&
+      (length == 0 || (text[0] != ' ' && text[length - 1] != ' ')))
+    buffer_.append(text, length);
+  else
+    buffer_ += EncodeField(text);
+}
+
+void RecordWriter::Number(int64_t value) {
+  char digits[24];
+  char* end = std::to_chars(digits, digits + sizeof digits, static_cast<long>(value)).ptr;
+  buffer_.append(digits, static_cast<size_t>(end - digits));
+}
+
+void RecordWriter::Flush() {
+  if (!buffer_.empty())
+    std::fwrite(buffer_.data(), 1, buffer_.size(), stream_);
+  buffer_.clear();
+}
+
+void WriteRecordLine(FILE* stream, const char* format, const FileNode* node) {
+  RecordWriter writer(stream);
+  writer.Line(format, node);
 }
 
 void WriteInventory(FILE* stream, const InventoryHeader& header, Bintree* tree) {
@@ -296,7 +305,10 @@ void WriteInventory(FILE* stream, const InventoryHeader& header, Bintree* tree) 
   std::fprintf(stream, "BuildLabel=%s\n", header.build_label);
   if (header.build_number)
     std::fprintf(stream, "BuildNumber=%s\n", header.build_number);
-  WalkBintree(tree, WriteFileTree, stream);
+  RecordWriter writer(stream);
+  BintreeCursor records(tree);
+  while (auto* node = static_cast<const FileNode*>(records.Next()))
+    writer.Line(kInventoryRecordFormat, node);
 }
 
 int WriteFileTree(void* record, uint32_t /*depth*/, void* arg) {

@@ -36,6 +36,28 @@ std::string DecodeField(const std::string& field);
 // change report's line formats), the four text fields encoded.
 void WriteRecordLine(FILE* stream, const char* format, const FileNode* node);
 
+// WriteRecordLine for many lines: they are gathered and handed to the stream
+// in large pieces (a million records make a million lines). Flush before
+// anything else writes to the stream; the destructor flushes.
+class RecordWriter {
+ public:
+  explicit RecordWriter(FILE* stream) : stream_(stream) {}
+  ~RecordWriter() { Flush(); }
+  RecordWriter(const RecordWriter&) = delete;
+  RecordWriter& operator=(const RecordWriter&) = delete;
+
+  void Line(const char* format, const FileNode* node);
+  void Flush();
+
+ private:
+  static constexpr size_t kFlushAt = 256 * 1024;
+  void Field(const char* text);
+  void Number(int64_t value);
+
+  FILE* stream_;
+  std::string buffer_;
+};
+
 // The header lines of an inventory; a null text (an empty one for
 // module_root) leaves its line out. build_label is always written.
 struct InventoryHeader {

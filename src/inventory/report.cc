@@ -57,19 +57,22 @@ void WriteChangeReport(const ChangeReport& report) {
   std::fprintf(out, "BuildLabel=%s\n", report.build_label);
   if (report.build_number)
     std::fprintf(out, "BuildNumber=%s\n", report.build_number);
+  RecordWriter lines(out);
   std::puts(kDeletedProgress);
   Compare(report.before, report.now, [&](FileNode* node, FileNode* now) {
     if (!now)
-      WriteRecordLine(out, kDeletedFormat, node);
+      lines.Line(kDeletedFormat, node);
   });
   std::puts(kAddedProgress);
   Compare(report.now, report.before, [&](FileNode* node, FileNode* earlier) {
     if (!earlier) {
-      WriteRecordLine(out, kAddedFormat, node);
+      lines.Line(kAddedFormat, node);
     } else if (Changed(node, earlier)) {
-      WriteRecordLine(out, kChangedFormat, node);
-      if (report.detail)
+      lines.Line(kChangedFormat, node);
+      if (report.detail) {
+        lines.Flush();  // the block follows its line
         report.detail(report.detail_context, out, node, earlier);
+      }
     }
   });
 }
