@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,13 +21,6 @@ inline constexpr char kDate[] = "2026-01-02 03:04:05";
 // Where the outputs of a run with World::Job() go: kStem + "01-bom.data" and so on.
 inline const std::string kStem = "job.bom.data-m1-2026-01-02 03_04_05-";
 inline constexpr char kNobody[] = "http://127.0.0.1:1";  // nothing listens there
-
-inline std::string RealPath(const std::string& path) {
-  char* real = realpath(path.c_str(), nullptr);
-  std::string out = real ? real : path;
-  std::free(real);
-  return out;
-}
 
 inline bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -66,7 +60,7 @@ struct World {
   }
 
   wltest::TempDir dir;
-  std::string root = RealPath(dir.path()), build = root + "/build", start = root + "/start",
+  std::string root = std::filesystem::canonical(dir.path()).string(), build = root + "/build", start = root + "/start",
               home = root + "/home", bin = root + "/bin", path = bin + ":/usr/bin:/bin";
   std::optional<std::string> server = kNobody;
   std::vector<std::string> prefix;

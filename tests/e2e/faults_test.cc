@@ -71,6 +71,13 @@ std::string Fill(std::string text, const World& f) {
   return text;
 }
 
+std::string Deep() {
+  std::string path = "d";
+  for (int level = 1; level < 40; ++level)
+    path += "/d";
+  return path;
+}
+
 // A fake client that kills the inspection that (indirectly) started it.
 const char kKillInspector[] =
     "p=$PPID\n"
@@ -126,6 +133,15 @@ const Fault kFaults[] = {
        f.prefix = {"/usr/bin/prlimit", "--fsize=2000"};
      },
      1, "Could not write to {STEM}01-bom.data: File too large\n", 0},
+    {"a low descriptor limit and a tree 40 directories deep: every file is in the inventory",
+     [](World& f) {
+       wltest::WriteFile(f.build + "/" + Deep() + "/f.c", "");
+       f.prefix = {"/usr/bin/prlimit", "--nofile=20"};
+     },
+     0, "Complete\n", 2,
+     [](World& f, const wltest::RunResult&) {
+       EXPECT_TRUE(Has(f.Out(kStem + "01-bom.data"), ";" + Deep() + "/f.c;"));
+     }},
     {"a FIFO as the home property file is named and skipped",
      [](World& f) {
        wltest::MakeDirs(f.home + "/.weftlane");

@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -103,9 +103,7 @@ std::optional<std::string> ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   if (!f)
     return std::nullopt;
-  std::ostringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 std::vector<std::string> ListDir(const std::string& path) {
