@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <new>
 #include <vector>
 
 namespace {
@@ -57,6 +59,9 @@ bool PendingOutput::Create(const std::string& final_name) {
     errno = err;
     return false;
   }
+  buffer_.reset(new (std::nothrow) char[kBufferSize]);
+  if (buffer_)
+    std::setvbuf(file_, buffer_.get(), _IOFBF, kBufferSize);
   return true;
 }
 

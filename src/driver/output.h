@@ -9,6 +9,7 @@
 // destructor removes a temporary file that was not put in place.
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 class PendingOutput {
@@ -38,6 +39,11 @@ class PendingOutput {
   void Discard();
 
   std::string temp_;
+  // The stream's buffer: large, so that an output of a million lines takes
+  // few writes. A failed write still leaves its data buffered for the flush
+  // in Finish, which reports it.
+  static constexpr size_t kBufferSize = 256 * 1024;
+  std::unique_ptr<char[]> buffer_;
   FILE* file_ = nullptr;
 };
 

@@ -36,9 +36,11 @@ std::string DecodeField(const std::string& field);
 // change report's line formats), the four text fields encoded.
 void WriteRecordLine(FILE* stream, const char* format, const FileNode* node);
 
-// WriteRecordLine for many lines: they are gathered and handed to the stream
-// in large pieces (a million records make a million lines). Flush before
-// anything else writes to the stream; the destructor flushes.
+// WriteRecordLine for many lines: they are put together in a buffer of the
+// writer's own and handed to the stream a few KiB at a time, pieces its own
+// buffer takes in, so that a failed write stays with the stream for its
+// closing flush to report. Flush before anything else writes to the
+// stream; the destructor flushes.
 class RecordWriter {
  public:
   explicit RecordWriter(FILE* stream) : stream_(stream) {}
@@ -50,7 +52,7 @@ class RecordWriter {
   void Flush();
 
  private:
-  static constexpr size_t kFlushAt = 256 * 1024;
+  static constexpr size_t kFlushAt = 4096;
   void Field(const char* text);
   void Number(int64_t value);
 
