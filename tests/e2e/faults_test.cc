@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -237,23 +238,27 @@ const Fault kFaults[] = {
      128 + 9, "Determining Added and Changed Files\n", 1},  // the earlier inventory
 };
 
-TEST(Faults, EachEndsBoundedNamedAndCompleteOrAbsent) {
-  for (const Fault& fault : kFaults) {
-    SCOPED_TRACE(fault.name);
-    World f;
-    fault.setup(f);
-    std::vector<std::string> args = f.lead_args, job = f.Job(f.extra_args);
-    args.insert(args.end(), job.begin(), job.end());
-    wltest::RunResult r = f.Run(args);
-    EXPECT_EQ(r.status, fault.status) << r.out << r.err;
-    EXPECT_TRUE(Has(r.out, Fill(fault.printed, f))) << r.out;
-    EXPECT_EQ(f.Listed(false).size(), fault.left);
-    if (fault.check)
-      fault.check(f, r);
-    // A finished run, failed or not, leaves no temporary file behind.
-    if (r.status < 128) {
-      EXPECT_TRUE(f.Listed(true).empty());
-    }
+void PrintTo(const Fault& fault, std::ostream* os) { *os << fault.name; }
+
+// One test per row, so that the rows' waits overlap when the tests run in parallel.
+class Faults : public ::testing::TestWithParam<Fault> {};
+INSTANTIATE_TEST_SUITE_P(Table, Faults, ::testing::ValuesIn(kFaults));
+
+TEST_P(Faults, EachEndsBoundedNamedAndCompleteOrAbsent) {
+  const Fault& fault = GetParam();
+  World f;
+  fault.setup(f);
+  std::vector<std::string> args = f.lead_args, job = f.Job(f.extra_args);
+  args.insert(args.end(), job.begin(), job.end());
+  wltest::RunResult r = f.Run(args);
+  EXPECT_EQ(r.status, fault.status) << r.out << r.err;
+  EXPECT_TRUE(Has(r.out, Fill(fault.printed, f))) << r.out;
+  EXPECT_EQ(f.Listed(false).size(), fault.left);
+  if (fault.check)
+    fault.check(f, r);
+  // A finished run, failed or not, leaves no temporary file behind.
+  if (r.status < 128) {
+    EXPECT_TRUE(f.Listed(true).empty());
   }
 }
 
