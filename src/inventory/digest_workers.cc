@@ -1,9 +1,11 @@
 #include "inventory/digest_workers.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -56,9 +58,16 @@ DigestWorkers::~DigestWorkers() {
     t.join();
 }
 
-void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
+void DigestWorkers::Submit(SharedDirFd dir, const char* name, FileNode* node) {
   {
     std::unique_lock<std::mutex> lock(mutex_);
+    if (!deferred_.empty()) {
+      // Descriptors ran out: open those files once the others are closed,
+      // as soon as possible, since they keep their directories open.
+      lock.unlock();
+      Finish();
+      lock.lock();
+    }
     if (in_flight_ >= kMaxQueued) {
       // Once full, wait until the workers have made room for a good number
       // of files: waking for every single free place costs two switches a
@@ -67,7 +76,7 @@ void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
       space_.wait(lock, [this] { return in_flight_ <= kRoomWanted; });
       space_wanted_ = kNobodyWaits;
     }
-    queue_.push_back({fd.Release(), node});
+    queue_.push_back({node, name, std::move(dir)});
     ++in_flight_;
     // Waking a worker per file costs more than digesting a small one: wake
     // one when files have piled up (a busy worker comes back for more by
@@ -80,10 +89,28 @@ void DigestWorkers::Submit(UniqueFd fd, FileNode* node) {
 
 void DigestWorkers::Finish() {
   work_.notify_all();
-  std::unique_lock<std::mutex> lock(mutex_);
-  space_wanted_ = 0;
-  space_.wait(lock, [this] { return in_flight_ == 0; });
-  space_wanted_ = kNobodyWaits;
+  std::deque<Job> deferred;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    space_wanted_ = 0;
+    space_.wait(lock, [this] { return in_flight_ == 0; });
+    space_wanted_ = kNobodyWaits;
+    deferred.swap(deferred_);
+  }
+  if (!deferred.empty())
+    RetryDeferred(std::move(deferred));
+}
+
+// Every other file is closed by now: each of these gets one more try.
+void DigestWorkers::RetryDeferred(std::deque<Job> jobs) {
+  ReadBuffer buffer;
+  for (Job& job : jobs) {
+    UniqueFd fd(openat(job.dir->get(), job.name, kDigestOpenFlags));
+    job.dir.reset();
+    DescriptorDigest result;
+    if (fd.get() >= 0 && DigestDescriptor(fd.get(), &result, buffer))
+      Store(job.node, result.text, result.status);
+  }
 }
 
 void DigestWorkers::Run() {
@@ -113,8 +140,19 @@ void DigestWorkers::Run() {
         queue_.pop_front();
       }
     }
-    for (const Job& job : taken) {
-      UniqueFd fd(job.fd);
+    for (Job& job : taken) {
+      UniqueFd fd(openat(job.dir->get(), job.name, kDigestOpenFlags));
+      if (fd.get() < 0 && (errno == EMFILE || errno == ENFILE)) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        deferred_.push_back(std::move(job));
+        ++finished;
+        continue;
+      }
+      job.dir.reset();
+      if (fd.get() < 0) {
+        ++finished;  // cannot be opened: the record keeps its empty digest
+        continue;
+      }
       if (single) {
         DescriptorDigest result;
         if (DigestDescriptor(fd.get(), &result, buffer))

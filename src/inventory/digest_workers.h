@@ -3,10 +3,11 @@
 // the scan's walk and tree insertions (which must stay in listing order on
 // one thread) overlap with reading and digesting.
 //
-// The walking thread opens each file and hands the descriptor over with the
-// record it belongs to; a worker reads the whole file, digests it and stores
-// the digest, size and time into that record, exactly as the scan would
-// itself. A worker touches only those three fields of records it was given,
+// The walking thread hands over each file as its name, the directory it is
+// in and the record it belongs to; a worker opens it, reads the whole file,
+// digests it and stores the digest, size and time into that record, exactly
+// as the scan would itself. (Opening, examining, reading and closing a file
+// on one processor costs less than opening it on another.) A worker touches only those three fields of records it was given,
 // so the walking thread may go on inserting other records meanwhile; it must
 // not read the three fields before Finish().
 //
@@ -14,9 +15,12 @@
 // DigestBatch; with fewer than three, it digests one at a time with the
 // one-file procedure, which is faster for a single long file.
 
+#include <fcntl.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -28,6 +32,15 @@
 // environment) when it holds a number from 1 to kMaxDigestThreads, else the
 // number of online processors (at least 1, at most kMaxDigestThreads).
 inline constexpr int kMaxDigestThreads = 64;
+
+// How files are opened for their digest. O_NONBLOCK so that opening a FIFO
+// reached through a link cannot wait for a writer (the digest refuses it
+// right after).
+inline constexpr int kDigestOpenFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+// A directory descriptor shared by the walk and the files queued from it;
+// closed when the last of them lets go.
+using SharedDirFd = std::shared_ptr<const UniqueFd>;
 int DigestThreadCount();
 
 class DigestWorkers {
@@ -39,11 +52,14 @@ class DigestWorkers {
   DigestWorkers(const DigestWorkers&) = delete;
   DigestWorkers& operator=(const DigestWorkers&) = delete;
 
-  // Queue the open file fd for `node`. Waits while kMaxQueued files are
-  // queued or being digested, so descriptors in flight stay bounded.
-  void Submit(UniqueFd fd, FileNode* node);
+  // Queue the file `name` (which must stay valid until Finish) of the
+  // directory `dir` for `node`. Waits while kMaxQueued files are queued or
+  // being digested, so descriptors in flight stay bounded. A file that
+  // cannot be opened leaves the record as it is.
+  void Submit(SharedDirFd dir, const char* name, FileNode* node);
   // Wait until every submitted file has been stored (and its descriptor
-  // closed).
+  // closed). Files a worker could not open for want of descriptors are then
+  // opened once more and digested on this thread.
   void Finish();
 
   // Files in flight at most; each holds a descriptor.
@@ -54,10 +70,12 @@ class DigestWorkers {
 
  private:
   struct Job {
-    int fd;
     FileNode* node;
+    const char* name;
+    SharedDirFd dir;
   };
   void Run();
+  void RetryDeferred(std::deque<Job> jobs);
 
   // Files in flight that the walking thread, once it found the queue full,
   // waits for before it goes on.
@@ -68,6 +86,8 @@ class DigestWorkers {
   std::condition_variable work_;   // jobs queued or stopping
   std::condition_variable space_;  // a job finished
   std::deque<Job> queue_;
+  // Files whose open ran out of descriptors, left to Finish().
+  std::deque<Job> deferred_;
   size_t in_flight_ = 0;  // queued + being digested
   // The in-flight count the walking thread waits for (kNobodyWaits: it does
   // not wait), so that workers wake it only once that is reached.

@@ -33,9 +33,6 @@ constexpr size_t kOpenAncestors = 8;
 constexpr size_t kListingBufferSize = 64 * 1024;
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
-// O_NONBLOCK so that opening a FIFO reached through a link cannot wait for a
-// writer (the digest refuses it right after).
-constexpr int kFileFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 bool OutOfDescriptors(int err) { return err == EMFILE || err == ENFILE; }
 
@@ -71,7 +68,10 @@ struct Frame {
   size_t key_length = 0;  // length of its key text in Walk::dir_
   std::vector<Entry> entries;
   size_t next = 0;
-  UniqueFd fd;  // -1 while closed to save descriptors
+  // Shared with the files queued from this directory, which open their
+  // names relative to it; null while the walk has closed its hold to save
+  // descriptors.
+  SharedDirFd dir;
   dev_t dev = 0;
   ino_t ino = 0;
   // The status the previous entry left: a failed status query keeps it.
@@ -85,6 +85,8 @@ struct Frame {
   BintreeNode* hint = nullptr;
   bool hint_known = false;
 };
+
+int FdOf(const Frame& frame) { return frame.dir ? frame.dir->get() : -1; }
 
 // The topmost record whose key begins with `prefix`, searched from `from`
 // (which must lie on the path of such keys; null: the root). Sets *found
@@ -184,14 +186,14 @@ bool Walk::Push(int fd, const std::string& open_name, const std::string& key_par
   frame.open_name = open_name;
   frame.dev = status.st_dev;
   frame.ino = status.st_ino;
-  frame.fd = std::move(dir_fd);
+  frame.dir = std::make_shared<const UniqueFd>(std::move(dir_fd));
   if (!stack_.empty())
     dir_.append("/").append(key_part);
   frame.key_length = dir_.size();
   frame.hint = RangeTop(tree_, Hint(), dir_ + "/", &frame.hint_known);
   stack_.push_back(std::move(frame));
   if (stack_.size() > kOpenAncestors)
-    stack_[stack_.size() - 1 - kOpenAncestors].fd.Reset();
+    stack_[stack_.size() - 1 - kOpenAncestors].dir.reset();
   return true;
 }
 
@@ -200,13 +202,12 @@ bool Walk::Push(int fd, const std::string& open_name, const std::string& key_par
 // names from the nearest open ancestor).
 void Walk::Pop() {
   size_t parent = stack_.size() - 2;
-  if (stack_.size() >= 2 && stack_[parent].fd.get() < 0 && !stack_[parent].lost &&
-      stack_.back().fd.get() >= 0) {
-    UniqueFd up(OpenAt(stack_.back().fd.get(), "..", kDirectoryFlags & ~O_NOFOLLOW));
+  if (stack_.size() >= 2 && !stack_[parent].dir && !stack_[parent].lost && stack_.back().dir) {
+    UniqueFd up(OpenAt(FdOf(stack_.back()), "..", kDirectoryFlags & ~O_NOFOLLOW));
     struct stat status;
     if (up.get() >= 0 && fstat(up.get(), &status) == 0 && status.st_dev == stack_[parent].dev &&
         status.st_ino == stack_[parent].ino)
-      stack_[parent].fd = std::move(up);
+      stack_[parent].dir = std::make_shared<const UniqueFd>(std::move(up));
   }
   stack_.pop_back();
   if (!stack_.empty())
@@ -218,15 +219,15 @@ void Walk::Pop() {
 // directory was moved or removed meanwhile).
 bool Walk::EnsureOpen(size_t level) {
   Frame& frame = stack_[level];
-  if (frame.fd.get() >= 0)
+  if (frame.dir)
     return true;
   if (frame.lost)
     return false;
   size_t base = level;
-  while (base > 0 && stack_[base - 1].fd.get() < 0)
+  while (base > 0 && !stack_[base - 1].dir)
     --base;
   for (size_t i = base; i <= level; ++i) {
-    int parent_fd = i == 0 ? AT_FDCWD : stack_[i - 1].fd.get();
+    int parent_fd = i == 0 ? AT_FDCWD : FdOf(stack_[i - 1]);
     int flags = i == 0 ? kDirectoryFlags & ~O_NOFOLLOW : kDirectoryFlags;
     UniqueFd fd(OpenAt(parent_fd, stack_[i].open_name.c_str(), flags));
     struct stat status;
@@ -235,10 +236,10 @@ bool Walk::EnsureOpen(size_t level) {
       frame.lost = true;
       return false;
     }
-    stack_[i].fd = std::move(fd);
+    stack_[i].dir = std::make_shared<const UniqueFd>(std::move(fd));
     // Keep within the budget while going down the chain.
     if (i >= 1 && i - 1 + kOpenAncestors < stack_.size())
-      stack_[i - 1].fd.Reset();
+      stack_[i - 1].dir.reset();
   }
   return true;
 }
@@ -253,7 +254,7 @@ mode_t Walk::Classify(Frame& frame, const Entry& entry) {
   } else {
     struct stat status;
     if (EnsureOpen(stack_.size() - 1) &&
-        fstatat(frame.fd.get(), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        fstatat(FdOf(frame), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
       frame.mode = status.st_mode;
   }
   return frame.mode;
@@ -276,9 +277,8 @@ void Walk::RecordFile(Frame& frame, const Entry& entry) {
     return;
   if (!EnsureOpen(stack_.size() - 1))
     return;
-  UniqueFd fd(OpenAt(frame.fd.get(), name.c_str(), kFileFlags));
-  if (fd.get() >= 0)
-    workers_.Submit(std::move(fd), node);
+  // Opened by the worker that reads it: the name is the key's end.
+  workers_.Submit(frame.dir, node->path + dir_.size() + 1, node);
 }
 
 void Walk::EnterDirectory(Frame& frame, const Entry& entry) {
@@ -286,7 +286,7 @@ void Walk::EnterDirectory(Frame& frame, const Entry& entry) {
     return;
   // A name with a backslash is entered as the path its key names.
   std::string key_part = Slashed(entry.name);
-  int fd = OpenAt(frame.fd.get(), key_part.c_str(), kDirectoryFlags);
+  int fd = OpenAt(FdOf(frame), key_part.c_str(), kDirectoryFlags);
   if (fd >= 0)
     (void)Push(fd, key_part, key_part);  // unreadable: nothing recorded, no message
 }
@@ -336,7 +336,7 @@ void Add2FileTree(Bintree* tree, const char* rootDir, const char* curDir, const 
   FileNode* node = LinkRecord(tree, rootDir, full);
   if (!node)
     return;
-  UniqueFd fd(open(full.c_str(), kFileFlags));
+  UniqueFd fd(open(full.c_str(), kDigestOpenFlags));
   if (fd.get() < 0)
     return;
   ReadBuffer buffer;

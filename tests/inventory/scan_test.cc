@@ -207,6 +207,36 @@ TEST(Scan, DeepTreeUnderLowDescriptorLimitKeepsEveryFileAndNoDescriptor) {
   }
 }
 
+// More files than descriptors left, for four workers: the files a worker
+// could not open are opened again once the others are closed, so every
+// record gets its digest, and no descriptor stays open.
+TEST(Scan, WorkersOutOfDescriptorsStillDigestEveryFile) {
+  TempDir dir;
+  std::vector<std::string> want;
+  for (int i = 0; i < 200; ++i) {
+    wltest::WriteFile(dir / ("f" + std::to_string(1000 + i)), "abc");
+    want.push_back(dir / ("f" + std::to_string(1000 + i)) + " " + kAbcDigest);
+  }
+  CloseLoadedInventories();
+  std::vector<std::string> before = OpenDescriptors();
+  struct rlimit old_limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old_limit), 0);
+  struct rlimit low = old_limit;
+  low.rlim_cur = before.size() + 8;
+  ScopedFileTree tree;
+  {
+    wltest::ScopedEnv threads("WEFTLANE_THREADS", "4");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    Scan(dir, tree);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old_limit), 0);
+  }
+  EXPECT_EQ(OpenDescriptors(), before);
+  std::vector<std::string> got;
+  for (const auto& r : tree.Records())
+    got.push_back(r.path + " " + r.digest);
+  EXPECT_EQ(got, want);
+}
+
 // Files of many sizes (around the piece and read sizes, and large) over
 // several directories: one digest thread, and several on each kernel this
 // processor can run, give the same records, byte for byte, and each digest
