@@ -18,63 +18,51 @@ namespace {
 using Argv = std::vector<std::string>;
 
 // Each tool's detail commands as shown (run in the file's directory when
-// `in_dir`) and the arguments its client receives. Placeholders: {N} the
-// name and extension of the path, {R} the record's name, {P} the path, {W}
-// it with backslashes, {U} the new and {V} the old version, {C} the old
-// version as ClearCase cuts it. A file operand ({N}, {R}) that begins with
-// "-" arrives as "./" followed by it.
+// `in_dir`). Placeholders: {N} the name and extension of the path, {R} the
+// record's name, {P} the path, {W} it with backslashes, {U} the new and {V}
+// the old version, {C} the old version as ClearCase cuts it. The client
+// receives the words a shell makes of the shown command, each value
+// literal; a file operand ({N}, {R}) that begins with "-" as "./" and it.
 struct Tool {
   uint32_t type;
   const char *now, *old;
   bool in_dir;
   const char *first, *second;
-  Argv argv1, argv2;
 };
 const Tool kTools[] = {
-    {kScmCvs, "1.2", "1.1", true, "cvs log \"{N}\" 2>&1", "cvs diff -c6 -r {V} \"{N}\" 2>&1",
-     {"log", "{N}"}, {"diff", "-c6", "-r", "{V}", "{N}"}},
+    {kScmCvs, "1.2", "1.1", true, "cvs log \"{N}\" 2>&1", "cvs diff -c6 -r {V} \"{N}\" 2>&1"},
     {kScmCvsRep, "1.2", "1.1", true, "cvs log -r{V} -r{U}  \"{R}\" 2>&1",
-     "cvs diff -c6 -r {V} \"{R}\" 2>&1", {"log", "-r{V}", "-r{U}", "{R}"},
-     {"diff", "-c6", "-r", "{V}", "{R}"}},
+     "cvs diff -c6 -r {V} \"{R}\" 2>&1"},
     {kScmClearCase, "/main/4", "/main/3   Rule: /main/LATEST", false,
-     "cleartool lshist \"{R}\" 2>&1", "cleartool diff \"{R}@@{C}\" \"{R}\" 2>&1", {"lshist", "{R}"},
-     {"diff", "{R}@@{C}", "{R}"}},
+     "cleartool lshist \"{R}\" 2>&1", "cleartool diff \"{R}@@{C}\" \"{R}\" 2>&1"},
     {kScmHarvest, "3", "2", true,
      "hsigget {R} -t -a environment state package version versionid viewpath tag user modtime "
      "size 2>&1",
-     "",
-     {"{R}", "-t", "-a", "environment", "state", "package", "version", "versionid", "viewpath",
-      "tag", "user", "modtime", "size"},
-     {}},
-    {kScmSvn, "14", "12", false, "svn info \"{P}\" 2>&1", "svn diff --revision {V} \"{P}\" 2>&1",
-     {"info", "{P}"}, {"diff", "--revision", "{V}", "{P}"}},
-    {kScmVss, "7", "6", false, "ss Properties \"{W}\" 2>&1", "", {"Properties", "{W}"}, {}},
+     ""},
+    {kScmSvn, "14", "12", false, "svn info \"{P}\" 2>&1", "svn diff --revision {V} \"{P}\" 2>&1"},
+    {kScmVss, "7", "6", false, "ss Properties \"{W}\" 2>&1", ""},
     {kScmPerforce, "4", "3", true, "p4 filelog -t -L \"{P}\" 2>&1",
-     "p4 diff -dnl -f \"{P}\"#{V} 2>&1", {"filelog", "-t", "-L", "{P}"},
-     {"diff", "-dnl", "-f", "{P}#{V}"}},
+     "p4 diff -dnl -f \"{P}\"#{V} 2>&1"},
     {kScmSi, "1.5", "1.4", false, "si memberinfo --batch \"{P}\" 2>&1",
-     "si diff --batch -r \"{V}\" \"{P}\" 2>&1", {"memberinfo", "--batch", "{P}"},
-     {"diff", "--batch", "-r", "{V}", "{P}"}},
+     "si diff --batch -r \"{V}\" \"{P}\" 2>&1"},
     {kScmAccurev, "dev/3", "dev/2", true, "accurev stat \"{P}\" 2>&1",
-     "accurev diff -v {V} \"{P}\" 2>&1", {"stat", "{P}"}, {"diff", "-v", "{V}", "{P}"}},
+     "accurev diff -v {V} \"{P}\" 2>&1"},
     {kScmMstf, "9", "7", false, "tf.exe properties \"{P}\"  /noprompt 2>&1",
-     "tf.exe diff \"{P};{U}\" \"{P};{V}\" /format:unix 2>&1", {"properties", "{P}", "/noprompt"},
-     {"diff", "{P};{U}", "{P};{V}", "/format:unix"}},
+     "tf.exe diff \"{P};{U}\" \"{P};{V}\" /format:unix 2>&1"},
     // Without an old version: the first output and the separator. CVSREP
     // still forms its first command with the empty old version.
-    {kScmSvn, "14", "", false, "svn info \"{P}\" 2>&1", "", {"info", "{P}"}, {}},
-    {kScmCvsRep, "2", "", true, "cvs log -r -r{U}  \"{R}\" 2>&1", "", {"log", "-r", "-r{U}", "{R}"},
-     {}},
-    {0, "2", "1", false, "", "", {}, {}},
-    {kScmCvs | kScmSvn, "2", "1", false, "", "", {}, {}},
+    {kScmSvn, "14", "", false, "svn info \"{P}\" 2>&1", ""},
+    {kScmCvsRep, "2", "", true, "cvs log -r{V} -r{U}  \"{R}\" 2>&1", ""},
+    {0, "2", "1", false, "", ""},
+    {kScmCvs | kScmSvn, "2", "1", false, "", ""},
 };
 
 const std::string kHostile[] = {
-    "a b.c",   "q\"uote.c", "it's.c", "$(touch PWNED).c", "`touch PWNED`.c", "a;touch PWNED",
-    "a|touch PWNED", "a&touch PWNED&", "a=b.c", "a:b.c", "(a).c",   "a\\b.c",
-    "a\nb.c",  " lead.c",   "trail.c ", "-rf",            "--help",          "*",
-    "~x.c",    "#x.c",      "$HOME",  "a>PWNED.c",        "x\\",             "\\$(touch PWNED)",
-    "a<b.c",   "?.c",       "[ab].c", "{a,b}.c",          "!x.c",            "a\tb\rc.c",
+    "a b.c",   "q\"uote.c", "it's.c",   "$(touch PWNED).c", "`touch PWNED`.c", "a;touch PWNED",
+    "a|touch PWNED", "a&touch PWNED&", "a=b.c", "a:b.c",   "(a).c",    "a\\b.c",
+    "a\nb.c",  " lead.c",   "trail.c ", "-rf",              "--help",          "*",
+    "~x.c",    "#x.c",      "$HOME",    "a>PWNED.c",        "x\\",             "\\$(touch PWNED)",
+    "a<b.c",   "?.c",       "[ab].c",   "{a,b}.c",          "!x.c",            "a\tb\rc.c",
     "a^b%c.c", "!!",
 };
 
@@ -124,16 +112,27 @@ class DetailTest : public wltest::ScmTest {
             {"{W}", win},   {"{U}", now},   {"{V}", old},   {"{C}", cut}};
   }
 
-  // The argument vectors `t` promises for the record (ws/rel, now, old).
+  // The argument vectors `t` promises for the record (ws/rel, now, old):
+  // the words of each command after the client's name and before "2>&1".
   std::vector<Argv> Expected(const Tool& t, const std::string& rel, const std::string& now,
                              const std::string& old) const {
     std::vector<Argv> runs;
-    for (const Argv* tmpl : {&t.argv1, &t.argv2}) {
-      if (tmpl->empty())
-        continue;
-      Argv& run = runs.emplace_back();
-      for (const std::string& arg : *tmpl)
-        run.push_back(wltest::Fill(arg, Values(rel, now, old)));
+    for (const std::string shown : {t.first, t.second}) {
+      Argv words(1);
+      bool quoted = false;
+      for (char ch : shown) {
+        if (ch == '"') {
+          quoted = !quoted;
+        } else if (ch != ' ' || quoted) {
+          words.back() += ch;
+        } else if (!words.back().empty()) {
+          words.emplace_back();
+        }
+      }
+      for (std::string& word : words)
+        word = wltest::Fill(word, Values(rel, now, old));
+      if (!shown.empty())
+        runs.emplace_back(words.begin() + 1, words.end() - 1);
     }
     return runs;
   }
@@ -184,15 +183,16 @@ TEST_F(DetailTest, EveryToolsCommandsDirectoryAndBlock) {
     // cannot start leaves the block without its separator.
     wltest::FailingStarts fail(*t.second ? " diff " : "");
     const std::string failed = wltest::Fill(*t.second ? t.second : t.first, values);
-    EXPECT_EQ(Detail(t.type, rel, t.now, t.old),
-              std::make_pair(*t.second ? Kept(tool) : "", printed + "Could not run: " + failed + "\n"));
+    EXPECT_EQ(
+        Detail(t.type, rel, t.now, t.old),
+        std::make_pair(*t.second ? Kept(tool) : "", printed + "Could not run: " + failed + "\n"));
     EXPECT_EQ(fakes_.TakeRuns().size(), *t.second ? 1u : 0u);
   }
 }
 
 // What reaches a client is exactly the value as one argument, nothing runs
 // as code, and no file operand reaches a client as an option.
-TEST_F(DetailTest, HostileNamesAndVersionsArriveAsOneLiteralArgument) {
+TEST_F(DetailTest, HostileAndRandomValuesArriveAsOneLiteralArgument) {
   for (const std::string& h : kHostile) {
     SCOPED_TRACE("[" + h + "]");
     for (const Tool& t : kTools) {
@@ -213,23 +213,20 @@ TEST_F(DetailTest, HostileNamesAndVersionsArriveAsOneLiteralArgument) {
       FindVersionInfo(scm_, build.c_str());
       scm_.type = kScmMstf;
       FindVersionInfo(scm_, build.c_str());
-      scm_.user = scm_.password = h.c_str();
-      ListSiSandbox(scm_, b_.c_str(), h);
-      scm_.user = scm_.password = nullptr;
     });
+    // Credentials are shown masked.
+    scm_.user = scm_.password = h.c_str();
+    EXPECT_EQ(wltest::Printed([&] { ListSiSandbox(scm_, b_.c_str(), h); }),
+              "Executing:  --user \"*******\" --password \"*******\" 2>&1 \n");
+    scm_.user = scm_.password = nullptr;
     EXPECT_EQ(TakeArgv(), (std::vector<Argv>{{"Properties", win},
                                              {"stat", "-ff", "-R", build},
                                              {"properties", build, "/recursive", "/noprompt"},
                                              {"viewsandbox", "--recurse", "--batch", "--sandbox",
                                               AsOperand(h), "--user", h, "--password", h}}));
   }
-  EXPECT_EQ(Pwned(b_), std::vector<std::string>{});
-  EXPECT_EQ(Pwned(ws_), std::vector<std::string>{});
-}
-
-// Random bytes (all but NUL, and "/" in names) as names and versions, with
-// a fixed seed: the arguments the client sees equal them.
-TEST_F(DetailTest, RandomNamesAndVersionsArriveUnchanged) {
+  // Random bytes (all but NUL, and "/" in names) as names and versions,
+  // with a fixed seed.
   std::mt19937 rng(20261123);
   auto random_text = [&](bool name) {
     std::string text(1 + rng() % 12, ' ');
@@ -247,6 +244,7 @@ TEST_F(DetailTest, RandomNamesAndVersionsArriveUnchanged) {
         << t.first << " case " << i;
   }
   EXPECT_EQ(Pwned(b_), std::vector<std::string>{});
+  EXPECT_EQ(Pwned(ws_), std::vector<std::string>{});
 }
 
 }  // namespace

@@ -103,12 +103,14 @@ class FakeClients {
     WriteFile(log_, "");
   }
   void Add(const std::string& name) {
-    AddRaw(name, "{ printf '%s\\000' '" + name + "' \"$(pwd -P)\" \"$@\"; printf '\\001\\000'; } >> '" +
-                     log_ + "'\ncat '" + out_ + "/" + name + "' 2>/dev/null\nexit 0\n");
+    AddRaw(name, "{ printf '%s\\000' '" + name + "' \"$(pwd -P)\" \"$@\"; printf '\\001\\000'; } " +
+                     ">> '" + log_ + "'\ncat '" + out_ + "/" + name + "' 2>/dev/null\nexit 0\n");
   }
   // A client with an arbitrary sh body that records nothing.
   void AddRaw(const std::string& name, const std::string& body) { WriteScript(bin_, name, body); }
-  void Output(const std::string& name, const std::string& text) { WriteFile(out_ + "/" + name, text); }
+  void Output(const std::string& name, const std::string& text) {
+    WriteFile(out_ + "/" + name, text);
+  }
   // The runs so far as {name, directory, arguments...}; clears the record.
   std::vector<std::vector<std::string>> TakeRuns() {
     std::vector<std::vector<std::string>> runs(1);
