@@ -387,6 +387,10 @@ int WriteOutputs(OutputNames& names, ScmSession& scm) {
   changes.detail = ChangeDetail;
   changes.detail_context = &scm;
   WriteChangeReport(changes);
+  // The earlier records are done with: they go while the inventory is still
+  // being written (its writer reads only FileTree).
+  DestroyBintree(OldFileTree, FreeFileNode);
+  OldFileTree = nullptr;
 
   if (DirectoryInTheWay(names.inventory))
     return CouldNotWrite(names.inventory);
