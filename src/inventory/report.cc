@@ -1,6 +1,8 @@
 #include "inventory/report.h"
 
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "inventory/inventory.h"
 #include "support/strings.h"
@@ -20,29 +22,56 @@ bool Changed(const FileNode* current, const FileNode* earlier) {
   return false;
 }
 
-// Calls visit(record, match) for every record of `walked` in walk order,
-// match being the first record of `other` in walk order with an equal key,
-// or null. With one comparator for both trees, both are walked side by side
-// in ascending order: `other` only ever moves forward.
-template <typename Visit>
-void Compare(Bintree* walked, Bintree* other, Visit visit) {
-  if (walked == nullptr)
-    return;
-  if (other != nullptr && other->compare != walked->compare) {
-    BintreeCursor records(walked);
-    while (auto* node = static_cast<FileNode*>(records.Next()))
-      visit(node, static_cast<FileNode*>(FindKey(other, node->path)));
+// What a report names, each list in walk order: the deleted records, and
+// the added records (earlier null) and changed ones with their earlier one.
+struct Differences {
+  std::vector<FileNode*> deleted;
+  std::vector<std::pair<FileNode*, FileNode*>> added_or_changed;
+};
+
+FileNode* NextRecord(BintreeCursor& records) { return static_cast<FileNode*>(records.Next()); }
+
+// A key present several times stands, in `now`, for each of its records and,
+// in `before`, for the first of them in walk order, as a lookup finds it.
+void Differ(Bintree* before, Bintree* now, Differences* out) {
+  auto note = [out](FileNode* node, FileNode* earlier) {
+    if (!earlier || Changed(node, earlier))
+      out->added_or_changed.emplace_back(node, earlier);
+  };
+  if (before != nullptr && now != nullptr && before->compare != now->compare) {
+    // No common order to walk in: each record is looked up.
+    BintreeCursor earlier_records(before);
+    while (FileNode* node = NextRecord(earlier_records))
+      if (!FindKey(now, node->path))
+        out->deleted.push_back(node);
+    BintreeCursor records(now);
+    while (FileNode* node = NextRecord(records))
+      note(node, static_cast<FileNode*>(FindKey(before, node->path)));
     return;
   }
-  BintreeCursor records(walked);
-  BintreeCursor others(other);
-  auto* candidate = static_cast<FileNode*>(others.Next());
-  while (auto* node = static_cast<FileNode*>(records.Next())) {
-    // compare(probe, record) as a lookup in `other` would call it.
-    int32_t order = 1;
-    while (candidate && (order = walked->compare(node, candidate)) > 0)
-      candidate = static_cast<FileNode*>(others.Next());
-    visit(node, candidate && order == 0 ? candidate : nullptr);
+  // One merge of the two trees in ascending key order.
+  BintreeCompare compare = now != nullptr ? now->compare : nullptr;
+  BintreeCursor earlier_records(before), records(now);
+  FileNode* earlier = NextRecord(earlier_records);
+  FileNode* node = NextRecord(records);
+  while (earlier || node) {
+    int32_t order = !earlier ? 1 : !node ? -1 : compare(earlier, node);
+    if (order < 0) {
+      out->deleted.push_back(earlier);
+      earlier = NextRecord(earlier_records);
+    } else if (order > 0) {
+      note(node, nullptr);
+      node = NextRecord(records);
+    } else {
+      FileNode* first = earlier;
+      do {
+        note(node, first);
+        node = NextRecord(records);
+      } while (node && compare(node, first) == 0);
+      do
+        earlier = NextRecord(earlier_records);
+      while (earlier && compare(earlier, first) == 0);
+    }
   }
 }
 
@@ -57,22 +86,22 @@ void WriteChangeReport(const ChangeReport& report) {
   std::fprintf(out, "BuildLabel=%s\n", report.build_label);
   if (report.build_number)
     std::fprintf(out, "BuildNumber=%s\n", report.build_number);
+  Differences differences;
+  Differ(report.before, report.now, &differences);
   RecordWriter lines(out);
   std::puts(kDeletedProgress);
-  Compare(report.before, report.now, [&](FileNode* node, FileNode* now) {
-    if (!now)
-      lines.Line(kDeletedFormat, node);
-  });
+  for (FileNode* node : differences.deleted)
+    lines.Line(kDeletedFormat, node);
   std::puts(kAddedProgress);
-  Compare(report.now, report.before, [&](FileNode* node, FileNode* earlier) {
+  for (const auto& [node, earlier] : differences.added_or_changed) {
     if (!earlier) {
       lines.Line(kAddedFormat, node);
-    } else if (Changed(node, earlier)) {
+    } else {
       lines.Line(kChangedFormat, node);
       if (report.detail) {
         lines.Flush();  // the block follows its line
         report.detail(report.detail_context, out, node, earlier);
       }
     }
-  });
+  }
 }

@@ -43,7 +43,7 @@ struct ChangeReport {
 // of `now` in walk order writes the "A" line when its path is not in
 // `before`, or the "C" line (current values) of a changed one followed by its
 // detail block. A path found in a tree with several equal keys stands for the
-// first of them in walk order. Each pass is one merge of the two trees in
-// ascending order (when both use the same comparator; otherwise each record
-// is looked up).
+// first of them in walk order. The records to name are found first, by one
+// merge of the two trees in ascending order (when both use the same
+// comparator; otherwise each record is looked up).
 void WriteChangeReport(const ChangeReport& report);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "testlib/inventory_fixtures.h"
 #include "testlib/testlib.h"
@@ -18,13 +20,13 @@ const std::string kB = "bbbbbbbb" + std::string(24, '0');
 
 // The lines of a run's report after its header: deleted, then added and
 // changed, each changed one followed by the detail writer's block.
-std::string Report(const ScopedFileTree& before, const ScopedFileTree& now) {
+std::string Report(Bintree* before, Bintree* now) {
   char* buf = nullptr;
   size_t len = 0;
   ChangeReport report;
   report.stream = open_memstream(&buf, &len);
-  report.now = now.get();
-  report.before = before.get();
+  report.now = now;
+  report.before = before;
   uint32_t context = 16;
   report.detail_context = &context;
   report.detail = [](void* ctx, FILE* out, FileNode* current, FileNode* earlier) {
@@ -38,6 +40,9 @@ std::string Report(const ScopedFileTree& before, const ScopedFileTree& now) {
   std::string out(buf, len);
   std::free(buf);
   return out.substr(out.find("BuildLabel=\n") + 12);
+}
+std::string Report(const ScopedFileTree& before, const ScopedFileTree& now) {
+  return Report(before.get(), now.get());
 }
 
 TEST(Report, TheComparisonRule) {
@@ -81,6 +86,41 @@ TEST(Report, BothPassesInKeyOrderWithEscapedFields) {
                                      a + "A;/w;b;2;2" + a + "C;/w;e;2;2; " + kB +
                                      "; ;\ndetail 16 /w/e /w/e\nA;/w;f;2;2" + a +
                                      "A;/w;new\\x0a\\x5c;2;2; " + kA + "; v\\x20;\n");
+}
+
+// Trees that allow equal keys: a key stands for each of its records in the
+// current tree and for the first of them in the earlier one, whether the
+// trees are merged or (comparators that differ) each record is looked up.
+TEST(Report, EqualKeysMergedAsLookupsFindThem) {
+  const BintreeCompare same_order = [](const void* a, const void* b) { return CompareFunc(a, b); };
+  using Rows = std::vector<std::pair<const char*, std::string>>;
+  struct Tree {
+    Tree(BintreeCompare compare, int64_t size, const Rows& rows)
+        : head(NewFileNode("")), tree(NewBintree(head, compare, 1, sizeof(FileNode))) {
+      for (const auto& [name, digest] : rows) {
+        FileNode* node = NewFileNodeIn(tree, ("/w/" + std::string(name)).c_str(), "/w", name);
+        safe_cpy(&node->digest, digest.c_str());
+        node->size = node->mtime = size;
+        InsBintree(tree, node);
+      }
+    }
+    ~Tree() {
+      DestroyBintree(tree, FreeFileNode);
+      FreeFileNode(head);
+      tfree(head);
+    }
+    FileNode* head;
+    Bintree* tree;
+  };
+  const Rows before_rows = {{"b", kA}, {"a", kA}, {"b", kB}, {"d", kA}};
+  const Rows now_rows = {{"d", kA}, {"b", kB}, {"c", kA}, {"b", kA}, {"d", kB}};
+  const std::string want = "D;/w;a;1;1; " + kA + "; ;\nC;/w;b;2;2; " + kB +
+                           "; ;\ndetail 16 /w/b /w/b\nA;/w;c;2;2; " + kA + "; ;\nC;/w;d;2;2; " +
+                           kB + "; ;\ndetail 16 /w/d /w/d\n";
+  for (BintreeCompare compare : {CompareFunc, same_order}) {
+    Tree before(compare, 1, before_rows), now(CompareFunc, 2, now_rows);
+    EXPECT_EQ(Report(before.tree, now.tree), want);
+  }
 }
 
 }  // namespace
