@@ -6,8 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <new>
+#include <system_error>
+#include <thread>
 
 #include "inventory/md5_steps.h"
 
@@ -208,26 +213,118 @@ bool IsDigestible(int fd, struct stat* status) {
   return true;
 }
 
-bool DigestDescriptor(int fd, DescriptorDigest* result, ReadBuffer& buffer) {
+namespace {
+
+// The digest of what the chunks hold, fed in order, the last one possibly
+// short.
+void DigestChunk(PieceDigest& digest, const unsigned char* data, size_t got) {
+  for (size_t at = 0; at < got; at += kMd5ReadSize)
+    digest.Piece(data + at, std::min(kMd5ReadSize, got - at));
+}
+
+// One chunk read by the reading thread of DigestReadingAhead.
+struct AheadSlot {
+  std::unique_ptr<unsigned char[]> data;
+  size_t got = 0;
+  bool failed = false;
+  bool last = false;
+  bool ready = false;  // read and not yet digested
+};
+
+constexpr size_t kAheadChunk = 1u << 20;  // a multiple of the piece size
+constexpr int kAheadSlots = 3;
+
+// The loop of DigestDescriptor with its reads on a second thread. False
+// when the slots or the thread cannot be had (nothing has been read then).
+bool DigestReadingAhead(int fd, DescriptorDigest* result, PieceDigest& digest) {
+  AheadSlot slots[kAheadSlots];
+  for (AheadSlot& slot : slots) {
+    slot.data.reset(new (std::nothrow) unsigned char[kAheadChunk]);
+    if (!slot.data)
+      return false;
+  }
+  std::mutex mutex;
+  std::condition_variable changed;
+  const struct stat status = result->status;
+  auto read_all = [&] {
+    uint64_t done = 0;
+    for (int i = 0;; i = (i + 1) % kAheadSlots) {
+      AheadSlot& slot = slots[i];
+      {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return !slot.ready; });
+      }
+      size_t want = NextReadSize(status, done, kAheadChunk);
+      bool failed = false;
+      size_t got = want == 0 ? 0 : ReadFully(fd, slot.data.get(), want, &failed);
+      done += got;
+      bool last = want == 0 || got < want;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        slot.got = got;
+        slot.failed = failed;
+        slot.last = last;
+        slot.ready = true;
+      }
+      changed.notify_all();
+      if (last)
+        return;
+    }
+  };
+  std::thread reader;
+  try {
+    reader = std::thread(read_all);
+  } catch (const std::system_error&) {
+    return false;
+  }
+  for (int i = 0;; i = (i + 1) % kAheadSlots) {
+    AheadSlot& slot = slots[i];
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      changed.wait(lock, [&] { return slot.ready; });
+    }
+    DigestChunk(digest, slot.data.get(), slot.got);
+    if (slot.failed)
+      result->read_result = -1;
+    const bool last = slot.last;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      slot.ready = false;
+    }
+    changed.notify_all();
+    if (last)
+      break;
+  }
+  reader.join();
+  return true;
+}
+
+}  // namespace
+
+bool DigestDescriptor(int fd, DescriptorDigest* result, ReadBuffer& buffer, ReadAhead ahead) {
   if (!IsDigestible(fd, &result->status))
     return false;
   PieceDigest digest;
   digest.Begin();
   result->read_result = 0;
-  uint64_t done = 0;
-  for (;;) {
-    size_t want = NextReadSize(result->status, done, buffer.size());
-    if (want == 0)
-      break;
-    bool failed = false;
-    size_t got = ReadFully(fd, buffer.data(), want, &failed);
-    for (size_t at = 0; at < got; at += kMd5ReadSize)
-      digest.Piece(buffer.data() + at, std::min(kMd5ReadSize, got - at));
-    done += got;
-    if (failed)
-      result->read_result = -1;
-    if (got < want)
-      break;  // end of file before the size seen at open, or a read error
+  const bool long_file = S_ISREG(result->status.st_mode) &&
+                         static_cast<uint64_t>(result->status.st_size) >= kReadAheadMinSize;
+  if (!(ahead == ReadAhead::kForLongFiles && long_file &&
+        DigestReadingAhead(fd, result, digest))) {
+    uint64_t done = 0;
+    for (;;) {
+      size_t want = NextReadSize(result->status, done, buffer.size());
+      if (want == 0)
+        break;
+      bool failed = false;
+      size_t got = ReadFully(fd, buffer.data(), want, &failed);
+      DigestChunk(digest, buffer.data(), got);
+      done += got;
+      if (failed)
+        result->read_result = -1;
+      if (got < want)
+        break;  // end of file before the size seen at open, or a read error
+    }
   }
   unsigned char out[16];
   digest.End(out);

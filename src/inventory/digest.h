@@ -152,8 +152,17 @@ size_t ReadFully(int fd, unsigned char* buffer, size_t want, bool* failed);
 // (FIFO, device, socket) is refused with *status zeroed, so that no digest
 // can block or read forever.
 bool IsDigestible(int fd, struct stat* status);
+// Whether DigestDescriptor may read a long file on a thread of its own.
+enum class ReadAhead { kNo, kForLongFiles };
+// Regular files of at least this many bytes are read ahead when allowed.
+inline constexpr uint64_t kReadAheadMinSize = uint64_t{8} << 20;
 // Digest of the open file fd (not closed here) through `buffer`, equal to
 // what md_filename gives for the same content. False, with nothing read,
-// when IsDigestible refuses it.
-bool DigestDescriptor(int fd, DescriptorDigest* result, ReadBuffer& buffer);
+// when IsDigestible refuses it. With ReadAhead::kForLongFiles, a long file
+// is read by a second thread a few chunks ahead of the digest, so that
+// copying the content in and digesting it overlap (worth it when a
+// processor would otherwise wait); the chunks are read and the pieces
+// digested exactly as without it.
+bool DigestDescriptor(int fd, DescriptorDigest* result, ReadBuffer& buffer,
+                      ReadAhead ahead = ReadAhead::kNo);
 

@@ -155,7 +155,11 @@ void DigestWorkers::Run() {
       }
       if (single) {
         DescriptorDigest result;
-        if (DigestDescriptor(fd.get(), &result, buffer))
+        // Few files at hand: a long one is read on a thread of its own, on
+        // a processor that would otherwise wait (unless the setting asked
+        // for one thread).
+        const ReadAhead ahead = threads_count_ > 1 ? ReadAhead::kForLongFiles : ReadAhead::kNo;
+        if (DigestDescriptor(fd.get(), &result, buffer, ahead))
           Store(job.node, result.text, result.status);
         ++finished;
       } else {

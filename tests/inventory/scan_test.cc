@@ -29,17 +29,20 @@ using wltest::ScopedFileTree;
 using wltest::TempDir;
 
 // The digest through the stream procedure, checked against the descriptor
-// procedure the scan uses (whole reads, full pieces without block copies).
+// procedure the scan uses (whole reads, full pieces without block copies),
+// with and without reading ahead.
 std::string DigestOf(const std::string& path) {
   unsigned char out[16];
   EXPECT_EQ(md_filename(path.c_str(), out), 0) << path;
   char text[33];
   print_digest(out, text);
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  ReadBuffer buffer;
-  DescriptorDigest result;
-  EXPECT_TRUE(DigestDescriptor(fd.get(), &result, buffer));
-  EXPECT_STREQ(result.text, text) << path;
+  for (ReadAhead ahead : {ReadAhead::kNo, ReadAhead::kForLongFiles}) {
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ReadBuffer buffer;
+    DescriptorDigest result;
+    EXPECT_TRUE(DigestDescriptor(fd.get(), &result, buffer, ahead));
+    EXPECT_STREQ(result.text, text) << path;
+  }
   return text;
 }
 
@@ -72,6 +75,9 @@ TEST(Digest, KnownAnswersAndPaddingBoundaries) {
     wltest::WriteFile(dir / "f", content);
     EXPECT_EQ(DigestOf(dir / "f"), digest + std::string(24, '0')) << "length " << content.size();
   }
+  // Long enough to be read ahead, over several chunks and a short last one.
+  wltest::WriteFile(dir / "long", PatternBytes(kReadAheadMinSize + 3 * (1 << 20) + 77));
+  DigestOf(dir / "long");
 }
 
 int Scan(const TempDir& dir, const ScopedFileTree& tree) {
