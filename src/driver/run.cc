@@ -225,14 +225,17 @@ ScmSession MakeScmSession() {
   return scm;
 }
 
-// Fills FileTree by the method the SCM type selects.
-void AcquireInventory(ScmSession& scm, const std::string& build_dir) {
+// Fills FileTree by the method the SCM type selects. A scan that ran out of
+// descriptors puts the path it could not open in *starved and stops there.
+void AcquireInventory(ScmSession& scm, const std::string& build_dir, std::string* starved) {
   if ((scm.type & ~kListingMask) == 0) {
-    LoadRecursiveFiles(DirName.c_str(), build_dir.c_str(), FileTree);
-    FindVersionInfo(scm, build_dir.c_str());
+    LoadRecursiveFiles(DirName.c_str(), build_dir.c_str(), FileTree, starved);
+    if (starved->empty())
+      FindVersionInfo(scm, build_dir.c_str());
   } else if ((scm.type & ~kPerFileMask) == 0) {
-    LoadRecursiveFiles(DirName.c_str(), build_dir.c_str(), FileTree);
-    WalkBintree(FileTree, LoadVersionInfo, &scm);
+    LoadRecursiveFiles(DirName.c_str(), build_dir.c_str(), FileTree, starved);
+    if (starved->empty())
+      WalkBintree(FileTree, LoadVersionInfo, &scm);
   } else {
     LoadRepository(scm, build_dir.c_str());
   }
@@ -286,9 +289,10 @@ OutputNames PlanOutputs() {
 
 // Changes into the build directory, creates the trees, starts reading the
 // earlier inventory, fills `scm` and with it FileTree, and returns to the
-// start directory; returns the start directory as read back.
+// start directory; returns the start directory as read back. *starved as
+// AcquireInventory leaves it.
 std::string ScanBuildDirectory(RunResources& resources, const std::string& start_dir,
-                               ScmSession& scm, EarlierInventory& earlier) {
+                               ScmSession& scm, EarlierInventory& earlier, std::string* starved) {
   // A build directory that cannot be entered is not an error: the scan then
   // runs in the start directory.
   std::string build_dir = WorkDir;
@@ -301,7 +305,7 @@ std::string ScanBuildDirectory(RunResources& resources, const std::string& start
   resources.CreateTrees();
   earlier.Start(OldFileTree);
   scm = MakeScmSession();
-  AcquireInventory(scm, build_dir);
+  AcquireInventory(scm, build_dir, starved);
 
   if (chdir(start_dir.c_str()) != 0) {
     // ignored: the names below are relative and the outcome shows when the
@@ -453,8 +457,15 @@ int RunInspection(RunResources& resources) {
   ScmSession scm;
   EarlierInventory earlier;
   earlier.Open(names.old);
-  start_dir = ScanBuildDirectory(resources, start_dir, scm, earlier);
+  std::string starved;
+  start_dir = ScanBuildDirectory(resources, start_dir, scm, earlier, &starved);
   earlier.Finish();
+  // An inventory without the files the scan could not open would report
+  // them deleted now and added next time: write nothing instead.
+  if (!starved.empty()) {
+    std::printf(kOutOfDescriptorsFormat, starved.c_str());
+    return 1;
+  }
   int status = WriteOutputs(names, scm);
   resources.ReleaseTrees();
   return status != 0 ? status : TransferOutputs(names);

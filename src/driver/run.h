@@ -14,6 +14,11 @@
 inline constexpr const char* kNoServerMessage = "WEFTLANE_SERVER environment variable must be set.";
 // Printed with a file name when an output file cannot be written.
 inline constexpr const char* kCouldNotWriteFormat = "Could not write to %s\n";
+// Printed with the first path the scan could not open for want of file
+// descriptors; the run then writes nothing and ends with status 1.
+inline constexpr const char* kOutOfDescriptorsFormat =
+    "ERROR 61: Ran out of file descriptors at %s: the scan is incomplete, so no report or "
+    "inventory is written (raise the limit with ulimit -n)\n";
 
 // file_copy's lock attempts: one, then up to this many retries, each after a
 // pause of kLockRetryPauseSeconds.
@@ -21,9 +26,9 @@ inline constexpr int kLockRetries = 100;
 inline constexpr unsigned kLockRetryPauseSeconds = 2;
 
 // The whole program: returns the exit status (0 complete run, also when an
-// upload failed; 1 refused command line, missing server setting, or an output
-// file that cannot be written). Outputs are complete or absent: each is
-// written under a temporary name and put in place when complete; numbered
+// upload failed; 1 refused command line, missing server setting, a scan that
+// ran out of file descriptors, or an output file that cannot be written).
+// Outputs are complete or absent: each is written under a temporary name and put in place when complete; numbered
 // names are claimed exclusively, so two runs in one start directory take
 // different numbers. Releases everything it made before it
 // returns, except when the server setting is missing (it returns at once).

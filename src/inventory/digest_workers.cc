@@ -1,6 +1,7 @@
 #include "inventory/digest_workers.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,29 @@ void StoreBatchResult(void* target, const char* digest_text, const struct stat& 
 // Below this many files at hand, one at a time is faster than side by side.
 constexpr size_t kBatchThreshold = 3;
 
+// Descriptors the rest of the scan may need while files are in flight: the
+// walk's open ancestors and the directory it is entering, with room to spare
+// for the run's own files.
+constexpr size_t kReservedDescriptors = 16;
+
+// How many files may be in flight under the descriptor limit: each holds its
+// own descriptor and may keep its directory's open after the walk has left
+// it. Without this bound a low limit would make opens fail and records lose
+// their digests.
+size_t InFlightBudget() {
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY ||
+      limit.rlim_cur >= 2 * DigestWorkers::kMaxQueued + 4 * kReservedDescriptors)
+    return DigestWorkers::kMaxQueued;
+  size_t open_now = 0;
+  for (int fd = 0; static_cast<rlim_t>(fd) < limit.rlim_cur; ++fd)
+    open_now += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+  size_t free_now = static_cast<size_t>(limit.rlim_cur) - open_now;
+  if (free_now <= kReservedDescriptors + 2)
+    return 1;
+  return std::min((free_now - kReservedDescriptors) / 2, DigestWorkers::kMaxQueued);
+}
+
 }  // namespace
 
 int DigestThreadCount() {
@@ -42,7 +66,8 @@ int DigestThreadCount() {
   return static_cast<int>(std::clamp<long>(online, 1, kMaxDigestThreads));
 }
 
-DigestWorkers::DigestWorkers(int threads) : threads_count_(std::max(threads, 1)) {
+DigestWorkers::DigestWorkers(int threads)
+    : max_in_flight_(InFlightBudget()), threads_count_(std::max(threads, 1)) {
   threads_.reserve(static_cast<size_t>(threads_count_));
   for (int i = 0; i < threads_count_; ++i)
     threads_.emplace_back([this] { Run(); });
@@ -68,12 +93,16 @@ void DigestWorkers::Submit(SharedDirFd dir, const char* name, FileNode* node) {
       Finish();
       lock.lock();
     }
-    if (in_flight_ >= kMaxQueued) {
+    if (in_flight_ >= max_in_flight_) {
       // Once full, wait until the workers have made room for a good number
       // of files: waking for every single free place costs two switches a
-      // file.
-      space_wanted_ = kRoomWanted;
-      space_.wait(lock, [this] { return in_flight_ <= kRoomWanted; });
+      // file. A budget below kMaxQueued may fill between wake-ups, so the
+      // workers are woken first.
+      const size_t room_wanted = max_in_flight_ / 2;
+      space_wanted_ = room_wanted;
+      if (max_in_flight_ < kMaxQueued)
+        work_.notify_all();
+      space_.wait(lock, [this, room_wanted] { return in_flight_ <= room_wanted; });
       space_wanted_ = kNobodyWaits;
     }
     queue_.push_back({node, name, std::move(dir)});
@@ -106,6 +135,8 @@ void DigestWorkers::RetryDeferred(std::deque<Job> jobs) {
   ReadBuffer buffer;
   for (Job& job : jobs) {
     UniqueFd fd(openat(job.dir->get(), job.name, kDigestOpenFlags));
+    if (fd.get() < 0 && (errno == EMFILE || errno == ENFILE) && starved_.empty())
+      starved_ = job.node->path;
     job.dir.reset();
     DescriptorDigest result;
     if (fd.get() >= 0 && DigestDescriptor(fd.get(), &result, buffer))

@@ -22,6 +22,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -53,7 +54,8 @@ class DigestWorkers {
   DigestWorkers& operator=(const DigestWorkers&) = delete;
 
   // Queue the file `name` (which must stay valid until Finish) of the
-  // directory `dir` for `node`. Waits while kMaxQueued files are queued or
+  // directory `dir` for `node`. Waits while kMaxQueued files (fewer under a
+  // low descriptor limit) are queued or
   // being digested, so descriptors in flight stay bounded. A file that
   // cannot be opened leaves the record as it is.
   void Submit(SharedDirFd dir, const char* name, FileNode* node);
@@ -61,6 +63,9 @@ class DigestWorkers {
   // closed). Files a worker could not open for want of descriptors are then
   // opened once more and digested on this thread.
   void Finish();
+  // After Finish: the first file that could not be opened even then for
+  // want of descriptors (its record has no digest), or "".
+  const std::string& Starved() const { return starved_; }
 
   // Files in flight at most; each holds a descriptor.
   static constexpr size_t kMaxQueued = 128;
@@ -77,9 +82,6 @@ class DigestWorkers {
   void Run();
   void RetryDeferred(std::deque<Job> jobs);
 
-  // Files in flight that the walking thread, once it found the queue full,
-  // waits for before it goes on.
-  static constexpr size_t kRoomWanted = kMaxQueued / 2;
   static constexpr size_t kNobodyWaits = static_cast<size_t>(-1);
 
   std::mutex mutex_;
@@ -89,10 +91,13 @@ class DigestWorkers {
   // Files whose open ran out of descriptors, left to Finish().
   std::deque<Job> deferred_;
   size_t in_flight_ = 0;  // queued + being digested
+  // kMaxQueued, or fewer when the descriptor limit leaves less room.
+  size_t max_in_flight_;
   // The in-flight count the walking thread waits for (kNobodyWaits: it does
   // not wait), so that workers wake it only once that is reached.
   size_t space_wanted_ = kNobodyWaits;
   bool stopping_ = false;
+  std::string starved_;
   int threads_count_ = 1;
   std::vector<std::thread> threads_;
 };

@@ -117,9 +117,11 @@ class Walk {
   // Scans start (with backslashes already turned into "/"); 1 when a file of
   // start itself was recorded.
   int Run(const std::string& start);
+  // The first name that could not be opened for want of descriptors, or "".
+  const std::string& Starved() const { return starved_; }
 
  private:
-  int OpenAt(int dir_fd, const char* name, int flags);
+  int OpenAt(int dir_fd, const char* name, int flags, bool needed = true);
   bool Push(int fd, const std::string& open_name, const std::string& key_part);
   void Pop();
   bool EnsureOpen(size_t level);
@@ -135,6 +137,7 @@ class Walk {
   std::string dir_;  // key text of the directory on top of the stack
   std::string full_;
   std::vector<char> listing_;  // directory entries as the system returns them
+  std::string starved_;
 };
 
 // Where insertions for the top directory start: the nearest hint known on
@@ -147,13 +150,24 @@ BintreeNode* Walk::Hint() const {
 }
 
 // openat that, when descriptors run out, waits for the digest workers to
-// close theirs and tries once more.
-int Walk::OpenAt(int dir_fd, const char* name, int flags) {
+// close theirs, then also closes the walk's own holds on ancestors other
+// than `dir_fd`'s (they are opened again by name when needed) and tries
+// again. A `needed` name that still cannot be opened is noted: the scan is
+// then incomplete, and saying nothing would make its files look deleted.
+int Walk::OpenAt(int dir_fd, const char* name, int flags, bool needed) {
   int fd = openat(dir_fd, name, flags);
-  if (fd < 0 && OutOfDescriptors(errno)) {
-    workers_.Finish();
-    fd = openat(dir_fd, name, flags);
-  }
+  if (fd >= 0 || !OutOfDescriptors(errno))
+    return fd;
+  workers_.Finish();
+  fd = openat(dir_fd, name, flags);
+  if (fd >= 0 || !OutOfDescriptors(errno))
+    return fd;
+  for (Frame& frame : stack_)
+    if (frame.dir && frame.dir->get() != dir_fd)
+      frame.dir.reset();
+  fd = openat(dir_fd, name, flags);
+  if (fd < 0 && OutOfDescriptors(errno) && needed && starved_.empty())
+    starved_ = stack_.empty() ? std::string(name) : dir_ + "/" + name;
   return fd;
 }
 
@@ -203,7 +217,8 @@ bool Walk::Push(int fd, const std::string& open_name, const std::string& key_par
 void Walk::Pop() {
   size_t parent = stack_.size() - 2;
   if (stack_.size() >= 2 && !stack_[parent].dir && !stack_[parent].lost && stack_.back().dir) {
-    UniqueFd up(OpenAt(FdOf(stack_.back()), "..", kDirectoryFlags & ~O_NOFOLLOW));
+    // Not needed: without it, the parent is opened again by names.
+    UniqueFd up(OpenAt(FdOf(stack_.back()), "..", kDirectoryFlags & ~O_NOFOLLOW, false));
     struct stat status;
     if (up.get() >= 0 && fstat(up.get(), &status) == 0 && status.st_dev == stack_[parent].dev &&
         status.st_ino == stack_[parent].ino)
@@ -320,14 +335,21 @@ int Walk::Run(const std::string& start) {
 
 }  // namespace
 
-int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree) {
+int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree,
+                       std::string* starved) {
   std::string start(curDir);
   ReplaceSlash(start);
   DigestWorkers workers(DigestThreadCount());
   Walk walk(rootDir, tree, workers);
   int result = walk.Run(start);
   workers.Finish();
+  if (starved != nullptr)
+    *starved = !walk.Starved().empty() ? walk.Starved() : workers.Starved();
   return result;
+}
+
+int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree) {
+  return LoadRecursiveFiles(rootDir, curDir, tree, nullptr);
 }
 
 void Add2FileTree(Bintree* tree, const char* rootDir, const char* curDir, const char* entryName) {

@@ -19,6 +19,8 @@
 // - Unreadable directories add nothing; unreadable files are recorded with an
 //   empty digest and zero size and time. Nothing is printed.
 
+#include <string>
+
 #include "support/bintree.h"
 
 // Scan curDir recursively into tree, keys under rootDir (the absolute build
@@ -28,6 +30,12 @@
 // are read and its handle closed before its entries are processed, so depth
 // costs no descriptors.
 int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree);
+// The same scan, also telling whether descriptors ran out: a directory or
+// file that could not be opened for want of them, even after every other
+// descriptor of the scan was closed, is missing from the tree although it
+// exists. *starved gets the first such path, or "" when the tree is complete.
+int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree,
+                       std::string* starved);
 // Record curDir/entryName in tree: key and texts as above, then the digest,
 // size and time of the opened file. A key already present is dropped (the
 // first record keeps its data).

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -51,7 +52,7 @@ struct World : e2e::World {
 };
 
 // A row: how the world is set up, the run's status, a part of what it
-// prints ({STEM}, {HOME}, {ROOT}, {URL} and {SERVER} filled in), how many
+// prints ({STEM}, {HOME}, {ROOT}, {BUILD}, {URL} and {SERVER} filled in), how many
 // names it leaves in the start directory, and what else must hold.
 struct Fault {
   const char* name;
@@ -64,7 +65,7 @@ struct Fault {
 
 std::string Fill(std::string text, const World& f) {
   const std::pair<const char*, std::string> marks[] = {
-      {"{STEM}", kStem}, {"{HOME}", f.home}, {"{ROOT}", f.root}, {"{URL}", f.server.value_or("")},
+      {"{STEM}", kStem}, {"{HOME}", f.home}, {"{ROOT}", f.root}, {"{BUILD}", f.build}, {"{URL}", f.server.value_or("")},
       {"{SERVER}", f.listener ? "127.0.0.1 on port " + std::to_string(f.listener->port) : ""}};
   for (const auto& [mark, value] : marks)
     for (size_t at; (at = text.find(mark)) != std::string::npos;)
@@ -134,14 +135,32 @@ const Fault kFaults[] = {
        f.prefix = {"/usr/bin/prlimit", "--fsize=2000"};
      },
      1, "Could not write to {STEM}01-bom.data: File too large\n", 0},
-    {"a low descriptor limit and a tree 40 directories deep: every file is in the inventory",
+    {"a low descriptor limit, a tree 40 directories deep and 200 wide: every file is digested",
      [](World& f) {
        wltest::WriteFile(f.build + "/" + Deep() + "/f.c", "");
+       for (int i = 0; i < 200; ++i)
+         wltest::WriteFile(f.build + "/w" + std::to_string(i) + "/g.c", "abc");
        f.prefix = {"/usr/bin/prlimit", "--nofile=20"};
      },
      0, "Complete\n", 2,
      [](World& f, const wltest::RunResult&) {
-       EXPECT_TRUE(Has(f.Out(kStem + "01-bom.data"), ";" + Deep() + "/f.c;"));
+       const std::string bom = f.Out(kStem + "01-bom.data");
+       EXPECT_TRUE(Has(bom, ";" + Deep() + "/f.c;0;"));
+       for (int i = 0; i < 200; ++i)
+         EXPECT_TRUE(Has(bom, ";w" + std::to_string(i) + "/g.c;3;")) << i;
+       EXPECT_FALSE(Has(bom, ";3;0;")) << "a file recorded without its digest";
+     }},
+    {"a descriptor limit too low for the walk writes nothing rather than a partial inventory",
+     [](World& f) {
+       wltest::WriteFile(f.build + "/" + Deep() + "/f.c", "");
+       f.prefix = {"/usr/bin/prlimit", "--nofile=8"};
+     },
+     1, "OldFileName=\nERROR 61: Ran out of file descriptors at {BUILD}/", 0,
+     [](World&, const wltest::RunResult& r) {
+       const std::string end =
+           ": the scan is incomplete, so no report or inventory is written (raise the limit with "
+           "ulimit -n)\n";
+       EXPECT_EQ(r.out.substr(r.out.size() - std::min(r.out.size(), end.size())), end);
      }},
     {"a FIFO as the home property file is named and skipped",
      [](World& f) {
