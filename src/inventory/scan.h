@@ -26,9 +26,10 @@
 // Scan curDir recursively into tree, keys under rootDir (the absolute build
 // directory; curDir begins with it). Returns 1 when a file of curDir itself
 // was recorded, else 0 (subdirectories do not count). Every record is
-// complete (digest, size, time) when this returns. Each directory's names
-// are read and its handle closed before its entries are processed, so depth
-// costs no descriptors.
+// complete (digest, size, time) when this returns. Directories are listed
+// and entered through descriptors relative to their parents, at most eight
+// held along the path, so depth costs no descriptors beyond those; files are
+// opened, read and digested by the digest workers (inventory/digest_workers.h).
 int LoadRecursiveFiles(const char* rootDir, const char* curDir, Bintree* tree);
 // The same scan, also telling whether descriptors ran out: a directory or
 // file that could not be opened for want of them, even after every other
