@@ -120,6 +120,8 @@ class RunResources {
   }
 
   void Release() {
+    if (releaser_.joinable())
+      releaser_.join();
     CleanConfigEnv();
     ReleaseTrees();
     for (char** s : {&MachineLabel, &JobDateTime, &LogOwner, &TaskName, &BuildNumber,
@@ -128,27 +130,55 @@ class RunResources {
     }
   }
 
-  // The trees are done with once both outputs are written; releasing them
-  // then keeps them from adding to the memory the upload takes.
-  void ReleaseTrees() {
-    DestroyBintree(DirTree, FreeBNode);
-    DirTree = nullptr;
-    FreeBNode(dir_head_);
-    tfree(dir_head_);
-    dir_head_ = nullptr;
-    DestroyBintree(FileTree, FreeFileNode);
-    FileTree = nullptr;
-    FreeFileNode(file_head_);
-    tfree(file_head_);
-    file_head_ = nullptr;
-    DestroyBintree(OldFileTree, FreeFileNode);
-    OldFileTree = nullptr;
-    FreeFileNode(old_head_);
-    tfree(old_head_);
-    old_head_ = nullptr;
+  // The trees are done with once both outputs are written. They are
+  // released on a thread of their own while the run goes on with the
+  // upload (which reads each output into memory: with the trees going, the
+  // two do not add up beyond what both trees took), or here when no thread
+  // can start. Release waits for it.
+  void ReleaseTreesMeanwhile() {
+    Trees trees = TakeTrees();
+    try {
+      releaser_ = std::thread(FreeTrees, trees);
+    } catch (const std::system_error&) {
+      FreeTrees(trees);
+    }
   }
 
  private:
+  struct Trees {
+    Bintree* dirs;
+    DirNode* dir_head;
+    Bintree* files;
+    FileNode* file_head;
+    Bintree* old_files;
+    FileNode* old_head;
+  };
+
+  // The trees and their heads, handed over: the run-wide pointers are null
+  // from here on.
+  Trees TakeTrees() {
+    Trees trees{DirTree, dir_head_, FileTree, file_head_, OldFileTree, old_head_};
+    DirTree = FileTree = OldFileTree = nullptr;
+    dir_head_ = nullptr;
+    file_head_ = old_head_ = nullptr;
+    return trees;
+  }
+
+  static void FreeTrees(Trees trees) {
+    DestroyBintree(trees.dirs, FreeBNode);
+    FreeBNode(trees.dir_head);
+    tfree(trees.dir_head);
+    DestroyBintree(trees.files, FreeFileNode);
+    FreeFileNode(trees.file_head);
+    tfree(trees.file_head);
+    DestroyBintree(trees.old_files, FreeFileNode);
+    FreeFileNode(trees.old_head);
+    tfree(trees.old_head);
+  }
+
+  void ReleaseTrees() { FreeTrees(TakeTrees()); }
+
+  std::thread releaser_;
   DirNode* dir_head_ = nullptr;
   FileNode* file_head_ = nullptr;
   FileNode* old_head_ = nullptr;
@@ -467,7 +497,7 @@ int RunInspection(RunResources& resources) {
     return 1;
   }
   int status = WriteOutputs(names, scm);
-  resources.ReleaseTrees();
+  resources.ReleaseTreesMeanwhile();
   return status != 0 ? status : TransferOutputs(names);
 }
 
