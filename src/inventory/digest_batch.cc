@@ -277,30 +277,56 @@ struct DigestBatch::Impl {
     done(lane.target, text, lane.status, lane.read_result);
   }
 
-  // Fills every busy lane, runs the transforms all of them have queued, and
-  // completes the lanes whose files are done.
+  // Runs the n queued rows from the `from`-th pending one, on every lane.
+  void RunRows(int from, int n) {
+    const int start = (first + from) % kRows;
+    const int to_end = std::min(n, kRows - start);
+    g_kernel(state, rows + start, to_end);
+    if (n > to_end)
+      g_kernel(state, rows, n - to_end);
+  }
+
+  // Fills every busy lane, then runs as many rows as every lane still
+  // reading has queued, completing the finishing lanes at their last row
+  // on the way (the rows after it compute on a lane nobody reads, whose
+  // state is reset when it starts again). Idle lanes compute on stale rows
+  // the same way.
   void Pump() {
     if (active == 0)
       return;
     int count = kRows;
+    int longest_finish = 0;
+    bool any_reading = false;
     for (int l = 0; l < kLanes; ++l) {
       if (!lanes[l].active)
         continue;
       Fill(l);
-      count = std::min(count, lanes[l].queued);
+      if (lanes[l].finishing) {
+        longest_finish = std::max(longest_finish, lanes[l].queued);
+      } else {
+        any_reading = true;
+        count = std::min(count, lanes[l].queued);
+      }
     }
-    // Idle lanes compute on stale rows; their state is reset when they start.
-    const int to_end = std::min(count, kRows - first);
-    g_kernel(state, rows + first, to_end);
-    if (count > to_end)
-      g_kernel(state, rows, count - to_end);
+    if (!any_reading)
+      count = longest_finish;
+    for (int ran = 0; ran < count;) {
+      int next = count;
+      for (const Lane& lane : lanes) {
+        if (lane.active && lane.finishing && lane.queued > ran)
+          next = std::min(next, lane.queued);
+      }
+      RunRows(ran, next - ran);
+      ran = next;
+      for (int l = 0; l < kLanes; ++l) {
+        if (lanes[l].active && lanes[l].finishing && lanes[l].queued == ran)
+          Complete(l);
+      }
+    }
     first = (first + count) % kRows;
-    for (int l = 0; l < kLanes; ++l) {
-      if (!lanes[l].active)
-        continue;
-      lanes[l].queued -= count;
-      if (lanes[l].queued == 0 && lanes[l].finishing)
-        Complete(l);
+    for (Lane& lane : lanes) {
+      if (lane.active)
+        lane.queued -= count;
     }
   }
 };
