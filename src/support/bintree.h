@@ -24,7 +24,6 @@
 //   (after the caller's release function), the records and texts made from
 //   the tree's arena (NewBintreeRecord, BintreeText, BintreeSharedText) all
 //   at once, and the Bintree itself; the caller frees the head record.
-// - Trees share no state: different threads may each work on their own tree.
 // - No operation recurses: walks use explicit heap stacks, so a chain of any
 //   length is safe, and no operation's cost grows with the tree's height.
 // - The comparator must order keys consistently (a total order on key texts)
@@ -33,7 +32,10 @@
 //   delete from the tree being walked.
 // - Allocation failure anywhere in the tree prints "Out of memory (tmalloc)"
 //   and ends the process with status 1, as tmalloc does.
-// - Single-threaded: no locks.
+// - No locks, and trees share no state: different threads may each work on
+//   their own tree. Walks and cursors only read a tree, so several may run
+//   on one tree at once while nothing else touches it; lookups
+//   (FindBintree, FindKey) update the lookup aids and count as changes.
 
 #include <cstddef>
 #include <cstdint>
