@@ -86,9 +86,19 @@ void WriteChangeReport(const ChangeReport& report) {
   std::fprintf(out, "BuildLabel=%s\n", report.build_label);
   if (report.build_number)
     std::fprintf(out, "BuildNumber=%s\n", report.build_number);
+  RecordWriter lines(out);
+  if (report.before == nullptr || report.before->head->greater == nullptr) {
+    // No earlier records (a first run): every record is added, and its line
+    // is written as the walk meets it, without a list.
+    std::puts(kDeletedProgress);
+    std::puts(kAddedProgress);
+    BintreeCursor records(report.now);
+    while (FileNode* node = NextRecord(records))
+      lines.Line(kAddedFormat, node);
+    return;
+  }
   Differences differences;
   Differ(report.before, report.now, &differences);
-  RecordWriter lines(out);
   std::puts(kDeletedProgress);
   for (FileNode* node : differences.deleted)
     lines.Line(kDeletedFormat, node);
