@@ -12,11 +12,10 @@ cd "$(dirname "$0")/.."
 build=${1:-build/release}
 [ $# -gt 0 ] && shift
 sizes=${*:-25 50 100 200}
-if [ ! -x "$build/tests/net_tests" ]; then
+if [ ! -x "$build/bench/net_upload_bench" ]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  cmake --build "$build" --target net_tests -j 2 >/dev/null
+  cmake --build "$build" --target net_upload_bench -j 2 >/dev/null
 fi
 for mb in $sizes; do
-  WL_BENCH_MB=$mb "$build/tests/net_tests" --gtest_also_run_disabled_tests \
-    --gtest_filter='UploadBench.DISABLED_Report' | grep '^upload bench:'
+  "$build/bench/net_upload_bench" "$mb" | grep '^upload bench:'
 done

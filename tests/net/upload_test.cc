@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <fstream>
 
 #include "net/transport.h"
 #include "testlib/net_fixtures.h"
@@ -202,40 +200,6 @@ TEST_F(UploadFileTest, ServerFaults) {
               EXPECT_EQ(HTTPPostHTML(err, url.c_str(), header, "abc\r\nd\0ef"), 0);
             }),
             "POST /any HTTP/1.1\r\nContent-Length: 6\n\nabc\r\nd");  // the body ends at a NUL
-}
-
-// Throughput and memory for bench/net_upload.sh, with WL_BENCH_MB the report
-// size in megabytes; not run in the normal test run (speed is not asserted).
-class UploadBench : public UploadFileTest {};
-TEST_F(UploadBench, DISABLED_Report) {
-  const char* mb = std::getenv("WL_BENCH_MB");
-  const long long size = (mb ? std::strtoll(mb, nullptr, 10) : 50) << 20;
-  {
-    std::ofstream f(dir_ / "bench.data");
-    for (long long n = 0; n < size; n += 72)
-      f << "F ./some/directory/of/the/build/tree/object-file.o 123456 1602666300 abc\n";
-  }
-  long long received = 0;  // the body is counted and dropped, not kept
-  LoopbackListener server([&received, size](ServerConn& c) {
-    std::vector<char> buf(1 << 20);
-    for (ssize_t n; received <= size && (n = recv(c.fd, buf.data(), buf.size(), 0)) > 0;)
-      received += n;
-    c.Send(kOkReply);
-  });
-  std::ofstream("/proc/self/clear_refs") << "5";  // restart the peak memory count
-  auto start = std::chrono::steady_clock::now();
-  target_.url = server.Url("/weftlane/LogUpload");
-  {
-    CaptureStdout out;
-    UploadFile(target_, (dir_ / "bench.data").c_str());
-  }
-  std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  server.request();
-  std::printf("upload bench: file %.1f MB, received %.1f MB, %.2f s, %.1f MB/s, peak ",
-              size / 1048576.0, received / 1048576.0, took.count(),
-              size / 1048576.0 / took.count());
-  std::fflush(stdout);
-  std::system("grep '^VmHWM' /proc/$PPID/status");  // the peak since the upload began
 }
 
 }  // namespace
